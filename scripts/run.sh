@@ -1,0 +1,10 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# The main job: install what is missing, build the release preset, and load
+# the plugin the way a host does.
+set -eu
+cd "$(dirname "$0")/.."
+sh scripts/install-deps.sh
+cmake --preset release
+cmake --build --preset release -j2
+./build/release/bin/kxprobe

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "support.h"
+
+#include <cstring>
+#include <sstream>
+
+namespace kxtest {
+
+std::vector<LogLine> CapturedLogs()
+{
+    std::vector<LogLine> lines;
+    const uint32_t count = TalvoTestLogCount();
+    for (uint32_t i = 0; i < count; ++i) {
+        TalvoTestLogEntry entry{};
+        if (TalvoTestLogGet(i, &entry) != 0) {
+            break;
+        }
+        lines.push_back({entry.level, entry.tag, entry.func, entry.fmt, entry.text, entry.viaHook != 0,
+                         entry.viaLog != 0});
+    }
+    return lines;
+}
+
+std::vector<LogLine> LogsWithFormat(const std::string &fmt)
+{
+    std::vector<LogLine> found;
+    for (auto &line : CapturedLogs()) {
+        if (line.fmt == fmt) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+bool HasLog(int32_t level, const std::string &text)
+{
+    for (const auto &line : CapturedLogs()) {
+        if (line.level == level && line.text == text) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string DumpLogs()
+{
+    std::ostringstream out;
+    for (const auto &line : CapturedLogs()) {
+        out << "  [" << line.level << "] " << line.func << ": " << line.text << "\n";
+    }
+    return out.str();
+}
+
+void ResetModule()
+{
+    KxCameraModule &module = g_cameraModule;
+    if (module.inited != 0 && module.serviceList.count != 0) {
+        ADD_FAILURE() << "a test left the service loaded; release it in the test";
+    }
+    if (module.cameraLibHandle != nullptr) {
+        TALVODlClose(module.cameraLibHandle);
+    }
+    if (module.vencLibHandle != nullptr) {
+        TALVODlClose(module.vencLibHandle);
+    }
+    if (module.eventsHandle != nullptr) {
+        TALVOEventsDestroy(module.eventsHandle);
+    }
+    std::memset(&module, 0, sizeof(module));
+}
+
+void PluginTest::SetUp()
+{
+    TalvoTestReset();
+    ResetModule();
+    TalvoTestLogCapture(1);
+    allocBaseline_ = TalvoTestOutstandingAllocs();
+}
+
+void PluginTest::TearDown()
+{
+    ResetModule();
+    EXPECT_EQ(TalvoTestOutstandingAllocs(), allocBaseline_) << "blocks taken and not given back";
+    TalvoTestReset();
+}
+
+} // namespace kxtest
