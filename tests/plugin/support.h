@@ -30,7 +30,8 @@ bool HasLog(int32_t level, const std::string &text);
 std::string DumpLogs();
 
 // Returns the module to its state at library load: vendor libraries closed,
-// every field zero. Records left in the registry are freed first.
+// every field zero. Records left in the registry are freed first, so a
+// suite that loads the service need not release it.
 void ResetModule();
 
 // Base fixture: clean module, no injected failures, capture on, and a check
