@@ -42,10 +42,10 @@ namespace {
 // Slots whose entry points have not landed yet stay null.
 constexpr KxServiceHandler kServiceHandler = {
     .getVersion = TALVOCameraGetVersion,
-    .loadService = nullptr,
-    .setCmdCb = nullptr,
-    .getCmdCb = nullptr,
-    .setCommand = nullptr,
+    .loadService = TALVOCameraLoadService,
+    .setCmdCb = TALVOCameraSetCmdCb,
+    .getCmdCb = TALVOCameraGetCmdCb,
+    .setCommand = TALVOCameraSetCommand,
     .getCommand = TALVOCameraGetCommand,
     .releaseService = nullptr,
     .setGlbCmdCb = TALVOCameraSetGlbCmdCb,

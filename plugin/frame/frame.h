@@ -10,4 +10,6 @@ extern "C" {
 // Load the vendor libraries into the module state; called by service loading.
 KXCAMERA_API int32_t CameraInit(void);
 KXCAMERA_API int32_t CameraVEncInit(void);
+// Hands the plugin's service listener to the vendor camera handler.
+KXCAMERA_API void CameraGlbRegisterListener(void);
 }
