@@ -47,6 +47,9 @@ struct KxCameraService {
     void *cmdCbUserData;
     KxWorkMode workMode;
     uint8_t isOpened;
+    // Beyond the fields above, kept for a safe teardown:
+    uint8_t vencThreadStarted; // the thread was created and not yet joined
+    uint32_t droppedFrames;    // raw frames released because no encoder thread ran
 };
 
 extern "C" {
