@@ -5,6 +5,8 @@ set -eu
 
 PACKAGES="build-essential cmake ninja-build pkg-config binutils
 googletest libgtest-dev libgmock-dev nlohmann-json3-dev libyuv-dev"
+# camhost: option parsing, decoding for snapshots, PNG output.
+PACKAGES="$PACKAGES libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
 
 missing=""
 for pkg in $PACKAGES; do
