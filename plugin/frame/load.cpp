@@ -51,15 +51,20 @@ int32_t TALVOCameraLoadService(const KxServiceCallbacks *callbacks)
         LOGE("audio moudle lock inited failed, error code %d", ret);
         return ret;
     }
-    // \todo A load that stops below leaves the lock and the queue behind; the
-    // next load creates both again over them.
+    // A load that stops early takes back the lock and the queue it made, so a
+    // later load does not create them again over live ones (a queue has a
+    // thread of its own).
     module.eventsHandle = TALVOEventsCreate(kEventsName, kEventsThreads, kEventsFlags, kEventsCapacity);
     if (module.eventsHandle == nullptr) {
+        (void)TALVOMutexDestroy(&module.lock);
         return kx::kErrMissing;
     }
     ret = CameraInit();
     if (ret != 0) {
         LOGI("CameraInit falied, error code %d", ret);
+        (void)TALVOEventsDestroy(module.eventsHandle);
+        module.eventsHandle = nullptr;
+        (void)TALVOMutexDestroy(&module.lock);
         return 0;
     }
     // Without an encoder the plugin still serves cameras that encode their own stream.

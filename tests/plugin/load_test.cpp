@@ -161,6 +161,7 @@ TEST_F(LoadTest, EventQueueFailureEndsTheLoadSilentlyAndALaterLoadWorks)
     EXPECT_EQ(g_cameraModule.cameraLibHandle, nullptr);
     EXPECT_TRUE(camera_->Calls().empty());
     EXPECT_TRUE(CapturedLogs().empty()) << DumpLogs();
+    EXPECT_EQ(TalvoTestCallCount(TALVO_FN_MUTEX_DESTROY), 1u) << "the lock is taken back";
 
     EXPECT_EQ(TALVOCameraLoadService(&callbacks_), 0);
     EXPECT_EQ(g_cameraModule.inited, 1);
@@ -179,6 +180,8 @@ TEST_P(MissingCameraLibraryTest, LoadSucceedsButModuleStaysUninitialised)
     EXPECT_EQ(g_cameraModule.inited, 0);
     EXPECT_EQ(g_cameraModule.cameraLibHandle, nullptr);
     EXPECT_EQ(g_cameraModule.vencLibHandle, nullptr) << "the encoder is not loaded without cameras";
+    EXPECT_EQ(g_cameraModule.eventsHandle, nullptr) << "the queue and its thread are taken back";
+    EXPECT_EQ(TalvoTestCallCount(TALVO_FN_MUTEX_DESTROY), 1u);
     EXPECT_TRUE(AnnouncedServices().empty());
     EXPECT_EQ(TALVOCameraSetGlbCmdCb(nullptr, AnyGlobalCallback), -4);
 }
