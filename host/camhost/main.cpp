@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -35,8 +36,39 @@ struct Options {
     std::string fpsChange;
     int keyFrameAt = -1;
     std::string snapshot;
-    std::string plugin = CAMHOST_PLUGIN_PATH;
+    std::string plugin;
 };
+
+// Installed, the plugin and the reference vendors lie beside the executable's
+// prefix; in the build tree they are where the build put them.
+struct Defaults {
+    std::string plugin = CAMHOST_PLUGIN_PATH;
+    std::string vendorPath = CAMHOST_VENDOR_PATH;
+};
+
+Defaults FindDefaults()
+{
+    Defaults defaults;
+    std::error_code error;
+    const std::filesystem::path exeDir = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+    if (error) {
+        return defaults;
+    }
+    const std::filesystem::path installed = exeDir / CAMHOST_INSTALLED_PLUGIN;
+    if (std::filesystem::exists(installed, error)) {
+        defaults.plugin = installed.lexically_normal().string();
+        defaults.vendorPath.clear();
+        std::string dirs = CAMHOST_INSTALLED_VENDOR;
+        for (size_t start = 0; start <= dirs.size();) {
+            size_t end = dirs.find(':', start);
+            end = end == std::string::npos ? dirs.size() : end;
+            defaults.vendorPath += (defaults.vendorPath.empty() ? "" : ":") +
+                                   (exeDir / dirs.substr(start, end - start)).lexically_normal().string();
+            start = end + 1;
+        }
+    }
+    return defaults;
+}
 
 // What a camera is asked for: raw frames the plugin encodes, or its own stream.
 struct Negotiation {
@@ -107,7 +139,9 @@ int Fail(const std::string &message)
 
 int main(int argc, char **argv)
 {
+    const Defaults defaults = FindDefaults();
     Options opt;
+    opt.plugin = defaults.plugin;
     CLI::App app{"camhost: drives the camera plugin the way the framework does, and records what it streams"};
     app.add_option("-c,--camera", opt.cameras, "vendor camera ids, comma separated")->delimiter(',');
     app.add_option("-s,--size", opt.size, "picture size WxH (even numbers)");
@@ -148,7 +182,7 @@ int main(int argc, char **argv)
         return Fail("--output names one file; with several cameras each gets camera<ID>.<codec>");
     }
     setenv("TALVO_LOG_LEVEL", std::to_string(opt.logLevel).c_str(), 1);
-    setenv("TALVO_VENDOR_PATH", CAMHOST_VENDOR_PATH, 0);
+    setenv("TALVO_VENDOR_PATH", defaults.vendorPath.c_str(), 0);
 
     camhost::PluginHost host;
     host.onNotify = [](const std::string &id, int32_t event) {
