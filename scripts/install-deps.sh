@@ -4,9 +4,11 @@
 set -eu
 
 PACKAGES="build-essential cmake ninja-build pkg-config binutils
-googletest libgtest-dev libgmock-dev nlohmann-json3-dev libyuv-dev"
+googletest libgtest-dev libgmock-dev nlohmann-json3-dev libyuv-dev
+libx264-dev libx265-dev"
 # camhost: option parsing, decoding for snapshots, PNG output.
-PACKAGES="$PACKAGES libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
+# ffmpeg: ffprobe judges the end-to-end streams.
+PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
 
 missing=""
 for pkg in $PACKAGES; do

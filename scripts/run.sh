@@ -7,4 +7,5 @@ cd "$(dirname "$0")/.."
 sh scripts/install-deps.sh
 cmake --preset release
 cmake --build --preset release -j2
-./build/release/bin/kxprobe
+./build/release/bin/camhost
+echo "camera0.h264 written; try: ffprobe camera0.h264"

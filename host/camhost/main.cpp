@@ -54,6 +54,10 @@ Defaults FindDefaults()
     if (error) {
         return defaults;
     }
+    // The build tree has the same bin/lib shape, so only a copy outside it counts as installed.
+    if (std::filesystem::equivalent(exeDir, CAMHOST_BUILD_BIN_DIR, error)) {
+        return defaults;
+    }
     const std::filesystem::path installed = exeDir / CAMHOST_INSTALLED_PLUGIN;
     if (std::filesystem::exists(installed, error)) {
         defaults.plugin = installed.lexically_normal().string();
