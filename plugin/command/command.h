@@ -8,6 +8,21 @@
 #include "kxcamera/plugin.h"
 #include "registry/registry.h"
 
+namespace kx {
+// The module has a video encoder ability; the count is compared signed, as
+// the framework's own field is.
+inline bool ModuleHasVideoEncoder()
+{
+    return static_cast<int32_t>(g_cameraModule.vencAbilityNum) > 0;
+}
+// The camera has an encoder thread or an encoder instance.
+bool HasVideoEncoder(const KxCameraService *service);
+// Stops and joins the camera's encoder thread, then destroys its encoder, so
+// that the thread never calls an encoder that is gone. Harmless when neither
+// exists.
+void TearDownVideoEncoder(KxCameraService *service);
+} // namespace kx
+
 // Message types of a negotiated parameter text.
 inline constexpr uint32_t kNegMsgOpen = 0;
 inline constexpr uint32_t kNegMsgUpdate = 1;
@@ -20,13 +35,16 @@ KXCAMERA_API int32_t CameraCheckSetCommandPrams(const KxServiceIdDesc *index, co
 KXCAMERA_API int32_t DoGetCameraAbilityCmd(KxCameraService *service, KxCommand *command);
 KXCAMERA_API int32_t DoCameraGetWorkModeOpt(KxCameraService *service, KxCommand *command);
 
-// Handlers of codes 2, 3, 4 and 10.
-// \todo Defined with opening, closing and reconfiguration; until then the
-// dispatcher refuses these codes as unknown.
+// Handlers of codes 2, 3, 4 and 10. Release also closes through
+// DoCloseCameraCmd, without the module lock.
 KXCAMERA_API int32_t DoOpenCameraCmd(KxCameraService *service, KxCommand *command);
 KXCAMERA_API int32_t DoCloseCameraCmd(KxCameraService *service, KxCommand *command);
 KXCAMERA_API int32_t DoSetCameraParamsCmd(KxCameraService *service, KxCommand *command);
 KXCAMERA_API int32_t DoTALVOCameraTriggerIFrameCmd(KxCameraService *service, KxCommand *command);
+// The set-parameters input: 0, -5 or -13.
+KXCAMERA_API int32_t CameraCheckSetParams(const KxCommand *command);
+// A new frame rate for the vendor camera; 0, -1000 or the vendor's code.
+KXCAMERA_API int32_t UpdataCameraFps(KxCameraService *service, int32_t fps);
 
 // Negotiated parameter text (JSON) into the record's negParams.
 KXCAMERA_API int32_t GetNegCameraParams(const char *paramString, KxNegParams *negParams, uint32_t *msgType);

@@ -28,13 +28,13 @@ int32_t DispatchCommand(KxCameraService *service, KxCommand *command)
         case KX_CMD_RESERVED_9:
             return 0;
         case KX_CMD_OPEN:
+            return DoOpenCameraCmd(service, command);
         case KX_CMD_CLOSE:
+            return DoCloseCameraCmd(service, command);
         case KX_CMD_SET_PARAMS:
+            return DoSetCameraParamsCmd(service, command);
         case KX_CMD_TRIGGER_IFRAME:
-            // \todo Dispatch to DoOpenCameraCmd, DoCloseCameraCmd,
-            // DoSetCameraParamsCmd and DoTALVOCameraTriggerIFrameCmd once they
-            // exist; until then these codes are refused like unknown ones.
-            return RefuseUnknownCode(command->code);
+            return DoTALVOCameraTriggerIFrameCmd(service, command);
         default:
             return RefuseUnknownCode(command->code);
     }

@@ -39,7 +39,7 @@ const uint8_t KX_CAMREA_VRESION_BETA = kx::kVersionBeta;
 
 namespace {
 
-// Slots whose entry points have not landed yet stay null.
+// Slot 8 is reserved and stays null.
 constexpr KxServiceHandler kServiceHandler = {
     .getVersion = TALVOCameraGetVersion,
     .loadService = TALVOCameraLoadService,
@@ -47,7 +47,7 @@ constexpr KxServiceHandler kServiceHandler = {
     .getCmdCb = TALVOCameraGetCmdCb,
     .setCommand = TALVOCameraSetCommand,
     .getCommand = TALVOCameraGetCommand,
-    .releaseService = nullptr,
+    .releaseService = TALVOCameraReleaseService,
     .setGlbCmdCb = TALVOCameraSetGlbCmdCb,
     .reserved8 = nullptr,
 };

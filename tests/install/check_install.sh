@@ -18,8 +18,11 @@ lib=$(find "$prefix" -name libkxcamera.so | head -n1)
 
 cmake -S "$src/tests/install/consumer" -B "$tmp/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" > "$tmp/consumer.log"
 cmake --build "$tmp/consumer" >> "$tmp/consumer.log"
-# The plugin takes its framework functions from the host process.
-LD_PRELOAD=$(find "$prefix" -name libtalvo.so | head -n1) "$tmp/consumer/consumer" "$lib"
+# The plugin takes its framework functions from the host process. A
+# sanitizer build of them needs its runtime loaded ahead of everything.
+talvo=$(find "$prefix" -name libtalvo.so | head -n1)
+runtimes=$(ldd "$talvo" | awk '/lib(asan|tsan|ubsan)\.so/ {print $3}' | tr '\n' ' ')
+LD_PRELOAD="$runtimes$talvo" ASAN_OPTIONS=detect_leaks=0 "$tmp/consumer/consumer" "$lib"
 
 pc=$(dirname "$(find "$prefix" -name kxcamera.pc | head -n1)")
 cflags=$(PKG_CONFIG_PATH=$pc pkg-config --cflags kxcamera)
