@@ -40,9 +40,13 @@ inline size_t FormatLogLine(char *out, size_t size, int64_t monotonicUs, int32_t
     if (out == nullptr || size < 2) {
         return 0;
     }
+    // Cutting a long line is the point here, not an accident.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
     const int n = std::snprintf(out, size - 1, "%" PRId64 ".%06" PRId64 " %c %s: %s", monotonicUs / 1000000,
                                 monotonicUs % 1000000, LevelLetter(level), tag != nullptr ? tag : "",
                                 text != nullptr ? text : "");
+#pragma GCC diagnostic pop
     size_t len = n < 0 ? 0 : static_cast<size_t>(n);
     if (len > size - 2) {
         len = size - 2;
