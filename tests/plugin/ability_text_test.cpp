@@ -28,9 +28,9 @@ size_t Occurrences(const std::string &text, const std::string &piece)
 
 class AbilityTextTest : public PluginTest {
 protected:
-    std::string Build(CapabilitySpec &spec, int32_t size = kRoomy)
+    std::string Build(CapabilityDraft &draft, int32_t size = kRoomy)
     {
-        return AbilityText(spec.Record(), size, &status_);
+        return AbilityText(draft.Record(), size, &status_);
     }
 
     int32_t status_ = 0x7fffffff;
@@ -38,7 +38,7 @@ protected:
 
 TEST_F(AbilityTextTest, StreamCameraExampleByteForByte)
 {
-    CapabilitySpec camera("0");
+    CapabilityDraft camera("0");
     camera.Ability(1, {{15, 30}, {30, 30}}, {{1280, 720}, {1920, 1080}});
     const std::string expected =
         R"({"id": "Camera_0", "streamAbility": {"supportStreamTypes": {"H264":{"supportFpsRange": [{"min":15, "max":30},{"min":30, "max":30}],"supportSizes": [{"width": 1280, "height": 720}, {"width": 1920, "height": 1080}]}}}, "extendInfos": {}})";
@@ -50,7 +50,7 @@ TEST_F(AbilityTextTest, StreamCameraExampleByteForByte)
 
 TEST_F(AbilityTextTest, RawFrameCameraExampleByteForByte)
 {
-    CapabilitySpec camera("1");
+    CapabilityDraft camera("1");
     camera.Ability(4, {{30, 30}}, {{640, 480}}).Extend("k", "v");
     EXPECT_EQ(
         Build(camera),
@@ -72,7 +72,7 @@ class AbilitySectionTest : public AbilityTextTest, public ::testing::WithParamIn
 TEST_P(AbilitySectionTest, EntryGivesItsSection)
 {
     const SectionCase &c = GetParam();
-    CapabilitySpec camera("7");
+    CapabilityDraft camera("7");
     camera.Ability(c.dataFmt, c.ranges, c.sizes);
     EXPECT_EQ(Build(camera), std::string(R"({"id": "Camera_7")") + c.section + R"(, "extendInfos": {}})");
     EXPECT_EQ(status_, 0);
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
                     R"(, "streamAbility": {"supportStreamTypes": {"H264":{"supportFpsRange": [],"supportSizes": []}}})"},
         SectionCase{"EmptyFrameLists", 17, {}, {},
                     R"(, "frameAbility": {"supportFpsRange": [],"supportSizes": [], "supportFormats": ["NV21"]})"},
-        SectionCase{"ThreeItemsJoinedAsSpecified", 1, {{1, 2}, {3, 4}, {5, 6}}, {{7, 8}, {9, 10}, {11, 12}},
+        SectionCase{"ThreeItemsJoinedByTheirSeparators", 1, {{1, 2}, {3, 4}, {5, 6}}, {{7, 8}, {9, 10}, {11, 12}},
                     R"(, "streamAbility": {"supportStreamTypes": {"H264":{"supportFpsRange": [{"min":1, "max":2},{"min":3, "max":4},{"min":5, "max":6}],"supportSizes": [{"width": 7, "height": 8}, {"width": 9, "height": 10}, {"width": 11, "height": 12}]}}})"},
         SectionCase{"UnsignedAboveIntMaxPrintsSigned", 4, {{0, 4294967295u}}, {{2147483648u, 1}},
                     R"(, "frameAbility": {"supportFpsRange": [{"min":0, "max":-1}],"supportSizes": [{"width": -2147483648, "height": 1}], "supportFormats": ["RGB565"]})"}),
@@ -103,7 +103,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(AbilityTextTest, SeveralEntriesGiveOneSectionEachInEntryOrder)
 {
-    CapabilitySpec camera("2");
+    CapabilityDraft camera("2");
     camera.Ability(1, {{1, 1}}, {{10, 10}}).Ability(17, {{2, 2}}, {{20, 20}}).Ability(1, {{3, 3}}, {{30, 30}});
     EXPECT_EQ(
         Build(camera),
@@ -113,7 +113,7 @@ TEST_F(AbilityTextTest, SeveralEntriesGiveOneSectionEachInEntryOrder)
 
 TEST_F(AbilityTextTest, ExtendInfosJoinedByCommaAndBlankInOrder)
 {
-    CapabilitySpec camera("3");
+    CapabilityDraft camera("3");
     camera.Ability(1, {{1, 1}}, {{1, 1}}).Extend("a", "1").Extend("b", "2").Extend("c", "3");
     const std::string text = Build(camera);
     EXPECT_EQ(status_, 0);
@@ -124,7 +124,7 @@ TEST_F(AbilityTextTest, ExtendInfosJoinedByCommaAndBlankInOrder)
 
 TEST_F(AbilityTextTest, QuotesAndBackslashesAreCopiedUnescaped)
 {
-    CapabilitySpec camera(R"(a"b)");
+    CapabilityDraft camera(R"(a"b)");
     camera.Ability(1, {}, {}).Extend(R"(k"ey)", R"(va\"l)");
     EXPECT_EQ(
         Build(camera),
@@ -139,7 +139,7 @@ TEST_P(CappedListTest, RangesAndSizesStopAtFiveHundredExtendInfosDoNot)
     const uint32_t printed = count < 500 ? count : 500;
     std::vector<KxFpsRange> ranges;
     std::vector<KxPictureSize> sizes;
-    CapabilitySpec camera("9");
+    CapabilityDraft camera("9");
     for (uint32_t i = 1; i <= count; ++i) {
         ranges.push_back({i, i});
         sizes.push_back({i, i});
@@ -164,7 +164,7 @@ class TooSmallBufferTest : public AbilityTextTest, public ::testing::WithParamIn
 
 TEST_P(TooSmallBufferTest, RefusedWithoutWriting)
 {
-    CapabilitySpec camera("0");
+    CapabilityDraft camera("0");
     camera.Ability(1, {{1, 1}}, {{1, 1}});
     char buffer[4] = {'x', 'y', 'z', 'w'};
     EXPECT_EQ(BuildCameraAbilityString(&camera.Record(), buffer, GetParam()), -5);
@@ -200,7 +200,7 @@ protected:
         return status;
     }
 
-    CapabilitySpec camera_{"0"};
+    CapabilityDraft camera_{"0"};
     std::string full_;
 };
 
@@ -269,7 +269,7 @@ TEST_F(AbilityBoundaryTest, OpeningBraceThatDoesNotFitReturnsTheCopyCode)
 
 TEST_F(AbilityTextTest, FrameSectionFailureNamesTheFormatBuilder)
 {
-    CapabilitySpec camera("5");
+    CapabilityDraft camera("5");
     camera.Ability(4, {{30, 30}}, {{640, 480}});
     const std::string full = Build(camera);
     ASSERT_EQ(status_, 0);
@@ -283,7 +283,7 @@ TEST_F(AbilityTextTest, FrameSectionFailureNamesTheFormatBuilder)
 TEST_F(AbilityTextTest, FiftyFourDigitSizesDoNotFitTheRecordBuffer)
 {
     std::vector<KxPictureSize> sizes(50, KxPictureSize{1920, 1080});
-    CapabilitySpec camera("0");
+    CapabilityDraft camera("0");
     camera.Ability(1, {{30, 30}}, sizes);
     Build(camera, static_cast<int32_t>(kAbilityTextSize));
     EXPECT_EQ(status_, -5);

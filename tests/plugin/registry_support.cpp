@@ -5,7 +5,7 @@
 
 namespace kxtest {
 
-CapabilitySpec &CapabilitySpec::Ability(uint32_t dataFmt, std::vector<KxFpsRange> ranges,
+CapabilityDraft &CapabilityDraft::Ability(uint32_t dataFmt, std::vector<KxFpsRange> ranges,
                                         std::vector<KxPictureSize> sizes)
 {
     auto &storedRanges = ranges_.emplace_back(std::move(ranges));
@@ -20,7 +20,7 @@ CapabilitySpec &CapabilitySpec::Ability(uint32_t dataFmt, std::vector<KxFpsRange
     return *this;
 }
 
-CapabilitySpec &CapabilitySpec::Extend(std::string key, std::string value)
+CapabilityDraft &CapabilityDraft::Extend(std::string key, std::string value)
 {
     const char *storedKey = texts_.emplace_back(std::move(key)).c_str();
     const char *storedValue = texts_.emplace_back(std::move(value)).c_str();
@@ -31,7 +31,7 @@ CapabilitySpec &CapabilitySpec::Extend(std::string key, std::string value)
     return *this;
 }
 
-KxCameraCapability &CapabilitySpec::Record()
+KxCameraCapability &CapabilityDraft::Record()
 {
     record_ = KxCameraCapability{};
     record_.id = id_.c_str();
@@ -43,11 +43,11 @@ KxCameraCapability &CapabilitySpec::Record()
     return record_;
 }
 
-std::vector<KxCameraCapability> CapabilityArray(std::initializer_list<CapabilitySpec *> specs)
+std::vector<KxCameraCapability> CapabilityArray(std::initializer_list<CapabilityDraft *> drafts)
 {
     std::vector<KxCameraCapability> array;
-    for (CapabilitySpec *spec : specs) {
-        array.push_back(spec->Record());
+    for (CapabilityDraft *draft : drafts) {
+        array.push_back(draft->Record());
     }
     return array;
 }

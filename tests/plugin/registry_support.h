@@ -17,14 +17,14 @@ namespace kxtest {
 
 // One vendor camera description; the record it hands out points into this
 // object, so it must outlive every use of the record.
-class CapabilitySpec {
+class CapabilityDraft {
 public:
-    explicit CapabilitySpec(std::string id) : id_(std::move(id)) {}
+    explicit CapabilityDraft(std::string id) : id_(std::move(id)) {}
 
-    CapabilitySpec &Ability(uint32_t dataFmt, std::vector<KxFpsRange> ranges, std::vector<KxPictureSize> sizes);
-    CapabilitySpec &Extend(std::string key, std::string value);
+    CapabilityDraft &Ability(uint32_t dataFmt, std::vector<KxFpsRange> ranges, std::vector<KxPictureSize> sizes);
+    CapabilityDraft &Extend(std::string key, std::string value);
 
-    // The record as a vendor would report it, rebuilt from the spec on
+    // The record as a vendor would report it, rebuilt from the draft on
     // every call.
     KxCameraCapability &Record();
     // Entries of the record, for tests that break one on purpose.
@@ -42,7 +42,7 @@ private:
 };
 
 // An array of vendor records, the shape GetCameraCapability reports.
-std::vector<KxCameraCapability> CapabilityArray(std::initializer_list<CapabilitySpec *> specs);
+std::vector<KxCameraCapability> CapabilityArray(std::initializer_list<CapabilityDraft *> drafts);
 
 // What the framework's AddService was given, copied during the call.
 struct Announced {

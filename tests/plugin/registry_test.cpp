@@ -20,7 +20,7 @@ namespace {
 
 struct CheckCase {
     const char *name;
-    std::function<void(CapabilitySpec &, KxCameraCapability &)> breakIt;
+    std::function<void(CapabilityDraft &, KxCameraCapability &)> breakIt;
     int32_t status;
     const char *message; // null: no message expected
 };
@@ -28,20 +28,20 @@ struct CheckCase {
 class CapabilityCheckTest : public PluginTest, public ::testing::WithParamInterface<CheckCase> {
 protected:
     // Two ability entries and one extend-info entry, all valid.
-    static CapabilitySpec Valid(std::string id = "cam")
+    static CapabilityDraft Valid(std::string id = "cam")
     {
-        CapabilitySpec spec(std::move(id));
-        spec.Ability(1, {{30, 30}}, {{640, 480}}).Ability(17, {{15, 15}}, {{320, 240}}).Extend("k", "v");
-        return spec;
+        CapabilityDraft draft(std::move(id));
+        draft.Ability(1, {{30, 30}}, {{640, 480}}).Ability(17, {{15, 15}}, {{320, 240}}).Extend("k", "v");
+        return draft;
     }
 };
 
 TEST_P(CapabilityCheckTest, ResultAndMessage)
 {
     const CheckCase &c = GetParam();
-    CapabilitySpec spec = Valid();
-    KxCameraCapability &record = spec.Record();
-    c.breakIt(spec, record);
+    CapabilityDraft draft = Valid();
+    KxCameraCapability &record = draft.Record();
+    c.breakIt(draft, record);
     EXPECT_EQ(CheckCameraAbility(&record), c.status);
     if (c.message != nullptr) {
         EXPECT_TRUE(HasLog(1, c.message)) << DumpLogs();
@@ -57,61 +57,61 @@ const char kIdLonger[] = "cam0";
 INSTANTIATE_TEST_SUITE_P(
     Cases, CapabilityCheckTest,
     ::testing::Values(
-        CheckCase{"Valid", [](CapabilitySpec &, KxCameraCapability &) {}, 0, nullptr},
-        CheckCase{"IdOf64", [](CapabilitySpec &, KxCameraCapability &r) { r.id = kId64, r.idLen = 64; }, 0, nullptr},
-        CheckCase{"IdOf65", [](CapabilitySpec &, KxCameraCapability &r) { r.id = kId65, r.idLen = 65; }, -13,
+        CheckCase{"Valid", [](CapabilityDraft &, KxCameraCapability &) {}, 0, nullptr},
+        CheckCase{"IdOf64", [](CapabilityDraft &, KxCameraCapability &r) { r.id = kId64, r.idLen = 64; }, 0, nullptr},
+        CheckCase{"IdOf65", [](CapabilityDraft &, KxCameraCapability &r) { r.id = kId65, r.idLen = 65; }, -13,
                   "capabilities id 0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdefX length is "
                   "too large"},
-        CheckCase{"IdLongerThanIdLen", [](CapabilitySpec &, KxCameraCapability &r) { r.id = kIdLonger, r.idLen = 3; },
+        CheckCase{"IdLongerThanIdLen", [](CapabilityDraft &, KxCameraCapability &r) { r.id = kIdLonger, r.idLen = 3; },
                   -5, "capabilities id not end width string end flag"},
         CheckCase{"NoAbilityCountIsNotExamined",
-                  [](CapabilitySpec &, KxCameraCapability &r) { r.abilityNum = 0; }, 0, nullptr},
-        CheckCase{"NullId", [](CapabilitySpec &, KxCameraCapability &r) { r.id = nullptr; }, -13,
+                  [](CapabilityDraft &, KxCameraCapability &r) { r.abilityNum = 0; }, 0, nullptr},
+        CheckCase{"NullId", [](CapabilityDraft &, KxCameraCapability &r) { r.id = nullptr; }, -13,
                   "capabilities id is nullptr"},
-        CheckCase{"NullAbilities", [](CapabilitySpec &, KxCameraCapability &r) { r.abilities = nullptr; }, -13,
+        CheckCase{"NullAbilities", [](CapabilityDraft &, KxCameraCapability &r) { r.abilities = nullptr; }, -13,
                   "abilityItems abilities is nullptr"},
         CheckCase{"FirstEntryWithoutRanges",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.Abilities()[0].supportFpsRanges = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.Abilities()[0].supportFpsRanges = nullptr; }, -13,
                   "capabilities supportFpsRanges is nullptr"},
         CheckCase{"FirstEntryWithoutRangesEvenWhenItListsNone",
-                  [](CapabilitySpec &s, KxCameraCapability &) {
+                  [](CapabilityDraft &s, KxCameraCapability &) {
                       s.Abilities()[0].supportFpsRanges = nullptr;
                       s.Abilities()[0].fpsRangeNum = 0;
                   },
                   -13, "capabilities supportFpsRanges is nullptr"},
         CheckCase{"FirstEntryWithoutSizes",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.Abilities()[0].supportSizes = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.Abilities()[0].supportSizes = nullptr; }, -13,
                   "capabilities supportSizes is nullptr"},
         CheckCase{"LaterEntryWithoutRanges",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.Abilities()[1].supportFpsRanges = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.Abilities()[1].supportFpsRanges = nullptr; }, -13,
                   "capabilities ability 1 supportFpsRanges is nullptr, count 1"},
         CheckCase{"LaterEntryWithoutSizes",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.Abilities()[1].supportSizes = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.Abilities()[1].supportSizes = nullptr; }, -13,
                   "capabilities ability 1 supportSizes is nullptr, count 1"},
         CheckCase{"LaterEntryWithoutListsThatListsNothing",
-                  [](CapabilitySpec &s, KxCameraCapability &) {
+                  [](CapabilityDraft &s, KxCameraCapability &) {
                       s.Abilities()[1] = KxCameraAbility{nullptr, 0, 0, nullptr, 0, 17};
                   },
                   0, nullptr},
         CheckCase{"EntryPastAbilityNumIsNotRead",
-                  [](CapabilitySpec &s, KxCameraCapability &r) {
+                  [](CapabilityDraft &s, KxCameraCapability &r) {
                       s.Abilities()[1].supportSizes = nullptr;
                       r.abilityNum = 1;
                   },
                   0, nullptr},
-        CheckCase{"ExtendInfosMissing", [](CapabilitySpec &, KxCameraCapability &r) { r.extendInfos = nullptr; },
+        CheckCase{"ExtendInfosMissing", [](CapabilityDraft &, KxCameraCapability &r) { r.extendInfos = nullptr; },
                   -13, "capabilities extendInfos is nullptr, count 1"},
         CheckCase{"ExtendInfosMissingAndNone",
-                  [](CapabilitySpec &, KxCameraCapability &r) {
+                  [](CapabilityDraft &, KxCameraCapability &r) {
                       r.extendInfos = nullptr;
                       r.extendInfoNum = 0;
                   },
                   0, nullptr},
         CheckCase{"ExtendKeyMissing",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.ExtendInfos()[0].key = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.ExtendInfos()[0].key = nullptr; }, -13,
                   "capabilities extendInfo 0 key or value is nullptr"},
         CheckCase{"ExtendValueMissing",
-                  [](CapabilitySpec &s, KxCameraCapability &) { s.ExtendInfos()[0].value = nullptr; }, -13,
+                  [](CapabilityDraft &s, KxCameraCapability &) { s.ExtendInfos()[0].value = nullptr; }, -13,
                   "capabilities extendInfo 0 key or value is nullptr"}),
     [](const auto &info) { return std::string(info.param.name); });
 
@@ -193,9 +193,9 @@ protected:
 
 TEST_F(RegistryTest, EachCameraGetsAZeroedRecordWithIdentifiersAndAbilityText)
 {
-    CapabilitySpec first(kId64);
+    CapabilityDraft first(kId64);
     first.Ability(1, {{15, 30}}, {{1280, 720}}).Extend("position", "back");
-    CapabilitySpec second("1");
+    CapabilityDraft second("1");
     second.Ability(4, {{30, 30}}, {{640, 480}});
     auto items = CapabilityArray({&first, &second});
     Script(items);
@@ -242,9 +242,9 @@ TEST_F(RegistryTest, EachCameraGetsAZeroedRecordWithIdentifiersAndAbilityText)
 
 TEST_F(RegistryTest, EveryRegisteredCameraIsAnnouncedWithItsInfoAndOps)
 {
-    CapabilitySpec first("0");
+    CapabilityDraft first("0");
     first.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec second("1");
+    CapabilityDraft second("1");
     second.Ability(17, {{30, 30}}, {{640, 480}});
     auto items = CapabilityArray({&first, &second});
     Script(items);
@@ -309,16 +309,16 @@ TEST_F(RegistryTest, MissingCapabilityEntryIsRefused)
 
 TEST_F(RegistryTest, BadCamerasAreSkippedAndTheOthersRegister)
 {
-    CapabilitySpec good0("good0");
+    CapabilityDraft good0("good0");
     good0.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec tooLong(kId65);
+    CapabilityDraft tooLong(kId65);
     tooLong.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec laterEntryBroken("broken");
+    CapabilityDraft laterEntryBroken("broken");
     laterEntryBroken.Ability(1, {{30, 30}}, {{640, 480}}).Ability(17, {{30, 30}}, {{640, 480}});
     laterEntryBroken.Abilities()[1].supportSizes = nullptr;
-    CapabilitySpec tooManySizes("fat");
+    CapabilityDraft tooManySizes("fat");
     tooManySizes.Ability(1, {{30, 30}}, std::vector<KxPictureSize>(50, KxPictureSize{1920, 1080}));
-    CapabilitySpec good1("good1");
+    CapabilityDraft good1("good1");
     good1.Ability(17, {{30, 30}}, {{640, 480}});
     auto items = CapabilityArray({&good0, &tooLong, &laterEntryBroken, &tooManySizes, &good1});
     Script(items);
@@ -335,9 +335,9 @@ TEST_F(RegistryTest, BadCamerasAreSkippedAndTheOthersRegister)
 
 TEST_F(RegistryTest, DuplicateIdsAreBothRegisteredAndLookupsFindTheFirst)
 {
-    CapabilitySpec first("dup");
+    CapabilityDraft first("dup");
     first.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec second("dup");
+    CapabilityDraft second("dup");
     second.Ability(17, {{15, 15}}, {{320, 240}});
     auto items = CapabilityArray({&first, &second});
     Script(items);
@@ -352,9 +352,9 @@ TEST_F(RegistryTest, DuplicateIdsAreBothRegisteredAndLookupsFindTheFirst)
 
 TEST_F(RegistryTest, LookupsMatchWholeTextsOnly)
 {
-    CapabilitySpec a("front");
+    CapabilityDraft a("front");
     a.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec b("back");
+    CapabilityDraft b("back");
     b.Ability(1, {{30, 30}}, {{640, 480}});
     auto items = CapabilityArray({&a, &b});
     Script(items);
@@ -397,9 +397,9 @@ class RegistryAllocationTest : public RegistryTest, public ::testing::WithParamI
 TEST_P(RegistryAllocationTest, FailedBlockSkipsThatCameraWithoutLeaking)
 {
     const uint32_t nth = GetParam();
-    CapabilitySpec first("0");
+    CapabilityDraft first("0");
     first.Ability(1, {{30, 30}}, {{640, 480}});
-    CapabilitySpec second("1");
+    CapabilityDraft second("1");
     second.Ability(17, {{30, 30}}, {{640, 480}});
     auto items = CapabilityArray({&first, &second});
     Script(items);
@@ -422,7 +422,7 @@ INSTANTIATE_TEST_SUITE_P(NthBlock, RegistryAllocationTest, ::testing::Values(1u,
 
 TEST_F(RegistryTest, RecordAddedToANeverLinkedListStartsIt)
 {
-    CapabilitySpec only("solo");
+    CapabilityDraft only("solo");
     only.Ability(1, {{30, 30}}, {{640, 480}});
     std::memset(&g_cameraModule.serviceList, 0, sizeof(g_cameraModule.serviceList));
     KxCameraService *record = AddServiceToCameraList(&only.Record());

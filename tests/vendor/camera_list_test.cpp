@@ -7,11 +7,11 @@
 namespace {
 
 using kxvcam::CameraKind;
-using kxvcam::CameraSpec;
+using kxvcam::CameraEntry;
 
 struct ListCase {
     std::string text;
-    std::vector<CameraSpec> cameras; // empty: refused
+    std::vector<CameraEntry> cameras; // empty: refused
 };
 
 class CameraListSyntax : public testing::TestWithParam<ListCase> {};
@@ -50,7 +50,7 @@ TEST(CameraListSyntax, RefusesIdsLongerThan64AndMoreThan16Cameras)
     }
     EXPECT_FALSE(kxvcam::ParseCameraList(many, error).has_value());
     many.resize(many.rfind(','));
-    EXPECT_EQ(kxvcam::ParseCameraList(many, error).value_or(std::vector<CameraSpec>{}).size(), 16u);
+    EXPECT_EQ(kxvcam::ParseCameraList(many, error).value_or(std::vector<CameraEntry>{}).size(), 16u);
 }
 
 TEST(StatusReportSyntax, ReadsStatusAndOptionalDelay)

@@ -56,14 +56,14 @@ std::optional<uint32_t> ParseDecimal(std::string_view text)
 
 } // namespace
 
-std::vector<CameraSpec> DefaultCameras()
+std::vector<CameraEntry> DefaultCameras()
 {
     return {{"0", CameraKind::kRaw}, {"1", CameraKind::kH264}, {"2", CameraKind::kH265}};
 }
 
-std::optional<std::vector<CameraSpec>> ParseCameraList(std::string_view text, std::string &error)
+std::optional<std::vector<CameraEntry>> ParseCameraList(std::string_view text, std::string &error)
 {
-    std::vector<CameraSpec> cameras;
+    std::vector<CameraEntry> cameras;
     while (true) {
         const size_t comma = text.find(',');
         const std::string_view entry = Trim(text.substr(0, comma));
@@ -83,7 +83,7 @@ std::optional<std::vector<CameraSpec>> ParseCameraList(std::string_view text, st
             error = "camera kind '" + std::string(kindName) + "' is not raw, h264 or h265";
             return std::nullopt;
         }
-        if (std::any_of(cameras.begin(), cameras.end(), [&](const CameraSpec &c) { return c.id == id; })) {
+        if (std::any_of(cameras.begin(), cameras.end(), [&](const CameraEntry &c) { return c.id == id; })) {
             error = "camera id '" + std::string(id) + "' appears twice";
             return std::nullopt;
         }

@@ -34,11 +34,11 @@ inline constexpr size_t kMaxIdLength = 64;
 
 enum class CameraKind : uint8_t { kRaw, kH264, kH265 };
 
-struct CameraSpec {
+struct CameraEntry {
     std::string id;
     CameraKind kind;
 
-    bool operator==(const CameraSpec &) const = default;
+    bool operator==(const CameraEntry &) const = default;
 };
 
 struct StatusReport {
@@ -48,11 +48,11 @@ struct StatusReport {
     bool operator==(const StatusReport &) const = default;
 };
 
-std::vector<CameraSpec> DefaultCameras();
+std::vector<CameraEntry> DefaultCameras();
 
 // Parses the TALVO_VCAM_CAMERAS syntax; on failure returns nothing and says
 // why in `error`.
-std::optional<std::vector<CameraSpec>> ParseCameraList(std::string_view text, std::string &error);
+std::optional<std::vector<CameraEntry>> ParseCameraList(std::string_view text, std::string &error);
 
 // Parses the TALVO_VCAM_REPORT_STATUS syntax (not empty).
 std::optional<StatusReport> ParseStatusReport(std::string_view text, std::string &error);

@@ -17,7 +17,7 @@ CameraModule &CameraModule::Get()
 
 CameraModule::CameraModule()
 {
-    std::vector<CameraSpec> specs = DefaultCameras();
+    std::vector<CameraEntry> entries = DefaultCameras();
     const char *text = std::getenv(kCamerasEnv);
     if (text != nullptr && *text != '\0') {
         std::string error;
@@ -26,11 +26,11 @@ CameraModule::CameraModule()
             std::fprintf(stderr, "libtalvocamerahandler: %s: %s\n", kCamerasEnv, error.c_str());
             return;
         }
-        specs = std::move(*parsed);
+        entries = std::move(*parsed);
     }
-    catalog_.emplace(std::move(specs));
-    for (const CameraSpec &spec : catalog_->cameras()) {
-        cameras_.push_back(std::make_unique<VirtualCamera>(spec));
+    catalog_.emplace(std::move(entries));
+    for (const CameraEntry &camera : catalog_->cameras()) {
+        cameras_.push_back(std::make_unique<VirtualCamera>(camera));
     }
 }
 
@@ -51,7 +51,7 @@ VirtualCamera *CameraModule::Find(const char *id, uint32_t idLen)
     }
     const std::string_view wanted(id, idLen);
     for (auto &camera : cameras_) {
-        if (camera->spec().id == wanted) {
+        if (camera->entry().id == wanted) {
             return camera.get();
         }
     }
@@ -98,8 +98,8 @@ void CameraModule::Report(KxServiceListener listener, StatusReport report)
             return;
         }
     }
-    for (const CameraSpec &spec : catalog_->cameras()) {
-        listener.updateServiceStatus(spec.id.c_str(), static_cast<uint32_t>(spec.id.size()), report.status);
+    for (const CameraEntry &camera : catalog_->cameras()) {
+        listener.updateServiceStatus(camera.id.c_str(), static_cast<uint32_t>(camera.id.size()), report.status);
     }
 }
 

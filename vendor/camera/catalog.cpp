@@ -71,10 +71,10 @@ bool OffersFormat(CameraKind kind, uint32_t dataFmt)
                        [dataFmt](const KxCameraAbility &a) { return a.dataFmt == dataFmt; });
 }
 
-Catalog::Catalog(std::vector<CameraSpec> cameras) : cameras_(std::move(cameras))
+Catalog::Catalog(std::vector<CameraEntry> cameras) : cameras_(std::move(cameras))
 {
     items_.reserve(cameras_.size());
-    for (const CameraSpec &camera : cameras_) {
+    for (const CameraEntry &camera : cameras_) {
         const auto abilities = AbilitiesOf(camera.kind);
         const auto infos = InfosOf(camera.kind);
         items_.push_back({camera.id.c_str(), static_cast<uint32_t>(camera.id.size()), 0, abilities.data(),

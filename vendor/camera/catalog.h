@@ -20,16 +20,16 @@ bool OffersFormat(CameraKind kind, uint32_t dataFmt);
 // records and everything they point to stay put while the object lives.
 class Catalog {
 public:
-    explicit Catalog(std::vector<CameraSpec> cameras);
+    explicit Catalog(std::vector<CameraEntry> cameras);
     Catalog(const Catalog &) = delete;
     Catalog &operator=(const Catalog &) = delete;
 
-    const std::vector<CameraSpec> &cameras() const { return cameras_; }
+    const std::vector<CameraEntry> &cameras() const { return cameras_; }
     KxCameraCapability *items() { return items_.data(); }
     uint32_t count() const { return static_cast<uint32_t>(items_.size()); }
 
 private:
-    const std::vector<CameraSpec> cameras_;
+    const std::vector<CameraEntry> cameras_;
     std::vector<KxCameraCapability> items_;
 };
 

@@ -185,7 +185,7 @@ int32_t VirtualCamera::Open(KxFrameCallback callback)
 
 int32_t VirtualCamera::Start(const KxCameraOpenParams &params)
 {
-    const std::optional<kxpattern::PixelFormat> format = FormatFor(spec_.kind, params.dataFmt);
+    const std::optional<kxpattern::PixelFormat> format = FormatFor(entry_.kind, params.dataFmt);
     if (!format || !OffersSize(params.width, params.height) || !OffersRate(params.fps)) {
         return kxvendor::kUnsupported;
     }
@@ -202,7 +202,7 @@ int32_t VirtualCamera::Start(const KxCameraOpenParams &params)
     }
     std::unique_ptr<Stream> stream;
     const int32_t status = Stream::Start(
-        {this, spec_.id, spec_.kind, *format, params.width, params.height, params.fps, callback_}, stream);
+        {this, entry_.id, entry_.kind, *format, params.width, params.height, params.fps, callback_}, stream);
     if (status != kOk) {
         return status;
     }

@@ -68,9 +68,9 @@ private:
 
 class VirtualCamera {
 public:
-    explicit VirtualCamera(CameraSpec spec) : spec_(std::move(spec)) {}
+    explicit VirtualCamera(CameraEntry entry) : entry_(std::move(entry)) {}
 
-    const CameraSpec &spec() const { return spec_; }
+    const CameraEntry &entry() const { return entry_; }
 
     // Opening an open camera stops its stream and takes the new callback.
     int32_t Open(KxFrameCallback callback);
@@ -86,7 +86,7 @@ private:
     bool OnOwnCaptureThread() const;
     std::shared_ptr<Stream> TakeStream();
 
-    const CameraSpec spec_;
+    const CameraEntry entry_;
     // Serialises open, start and close; held while a stream is joined.
     std::mutex controlMutex_;
     KxFrameCallback callback_ = nullptr;
