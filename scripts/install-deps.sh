@@ -1,6 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # Installs the Debian 12 packages the build and the tests need, if missing.
+# Packages named as arguments are installed as well (used by the scripts
+# that need more than the build, such as bench/peers.sh).
 set -eu
 
 PACKAGES="build-essential cmake ninja-build pkg-config binutils
@@ -9,6 +11,9 @@ libx264-dev libx265-dev"
 # camhost: option parsing, decoding for snapshots, PNG output.
 # ffmpeg: ffprobe judges the end-to-end streams.
 PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
+# The benchmarks build with the default configuration.
+PACKAGES="$PACKAGES libbenchmark-dev"
+PACKAGES="$PACKAGES $*"
 
 missing=""
 for pkg in $PACKAGES; do

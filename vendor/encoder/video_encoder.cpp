@@ -116,14 +116,9 @@ int32_t Configure(void *handle, const KxVencConfigParams *params)
     if (instance.session.IsOpen() && instance.session.settings().fps == fps) {
         return instance.session.SetBitRates(params->bitRate, ceiling);
     }
-    X264Settings settings;
-    settings.width = instance.width;
-    settings.height = instance.height;
-    settings.csp = instance.csp == KX_CSP_NV12 ? X264_CSP_NV12 : X264_CSP_I420;
-    settings.fps = fps;
-    settings.keyInterval = 2 * fps;
-    settings.bitRate = params->bitRate;
-    settings.maxBitRate = ceiling;
+    X264Settings settings = CameraStreamSettings(instance.width, instance.height,
+                                                 instance.csp == KX_CSP_NV12 ? X264_CSP_NV12 : X264_CSP_I420, fps,
+                                                 params->bitRate, ceiling);
     settings.logTag = kLogTag;
     return instance.session.Open(settings);
 }

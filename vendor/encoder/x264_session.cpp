@@ -4,11 +4,14 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 
 #include "vendor_common.h"
 
 namespace kxvendor {
 namespace {
+
+constexpr unsigned long kMaxThreads = 64;
 
 // x264 reports through this; only warnings and errors reach stderr.
 void ForwardLog(void *tag, int level, const char *format, va_list args)
@@ -42,6 +45,30 @@ void ApplyRates(x264_param_t &param, const X264Settings &s)
 
 } // namespace
 
+X264Settings CameraStreamSettings(uint32_t width, uint32_t height, int csp, uint32_t fps, uint32_t bitRate,
+                                  uint32_t maxBitRate)
+{
+    X264Settings settings;
+    settings.width = width;
+    settings.height = height;
+    settings.csp = csp;
+    settings.fps = fps;
+    settings.keyInterval = 2 * fps;
+    settings.bitRate = bitRate;
+    settings.maxBitRate = maxBitRate < bitRate ? bitRate : maxBitRate;
+    // A frame split in slices over all processors leaves the encoder soonest,
+    // which is what a live stream wants; the peers' default does the same.
+    settings.threads = 0;
+    if (const char *text = std::getenv("TALVO_VENC_THREADS"); text != nullptr && *text != '\0') {
+        char *end = nullptr;
+        const unsigned long threads = std::strtoul(text, &end, 10);
+        if (*end == '\0' && threads <= kMaxThreads) {
+            settings.threads = static_cast<uint32_t>(threads);
+        }
+    }
+    return settings;
+}
+
 X264Session::~X264Session()
 {
     Close();
@@ -71,11 +98,11 @@ int32_t X264Session::Open(const X264Settings &settings)
     param.i_timebase_den = settings.fps;
     param.b_vfr_input = 0;
     param.i_keyint_max = static_cast<int>(settings.keyInterval);
-    // Encoding runs on the caller's thread: no frame threads, no sliced
-    // threads, no lookahead thread. Instances scale over their callers.
-    param.i_threads = 1;
+    // No frame threads and no lookahead thread: a frame leaves the encoder in
+    // the call that gave it. Sliced threads split that one frame, if asked.
+    param.i_threads = settings.threads == 0 ? X264_THREADS_AUTO : static_cast<int>(settings.threads);
     param.i_lookahead_threads = 1;
-    param.b_sliced_threads = 0;
+    param.b_sliced_threads = settings.threads != 1 ? 1 : 0;
     param.b_annexb = 1;
     param.b_repeat_headers = 1;
     param.vui.b_fullrange = 0;

@@ -24,7 +24,17 @@ struct X264Settings {
     uint32_t maxBitRate = 0;
     float crf = 23.0f;
     const char *logTag = "x264"; // prefix of forwarded warnings; must outlive the session
+    // Sliced threads of one encoder: 1 encodes on the caller's thread alone,
+    // 0 lets x264 choose from the processor count.
+    uint32_t threads = 1;
 };
+
+// What the encoder library configures for a camera stream: the encoded rate
+// as the time base, an IDR every two seconds, the given average rate capped
+// at maxBitRate, and sliced threads as x264 chooses them (TALVO_VENC_THREADS
+// overrides). Benchmarks use it to run bare x264 exactly as the library does.
+X264Settings CameraStreamSettings(uint32_t width, uint32_t height, int csp, uint32_t fps, uint32_t bitRate,
+                                  uint32_t maxBitRate);
 
 class X264Session {
 public:
