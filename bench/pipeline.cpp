@@ -64,34 +64,69 @@ struct Options {
     std::string writeFrames; // write the generated frames and stop
     double paced = 0;        // seconds of the paced run
     bool twoCameras = false;
+    bool printBitrate = false;
 };
 
-using Frames = std::vector<std::vector<uint8_t>>;
+// The frames of a round, in order: generated once and kept in memory, or
+// read from a file frame by frame, as a host streaming from storage would.
+class FrameSource {
+public:
+    static FrameSource Generated(const Size &size, uint32_t count)
+    {
+        FrameSource source;
+        auto generator = kxpattern::PatternGenerator::Create(kxpattern::PixelFormat::kNV21, size.width, size.height);
+        for (uint32_t i = 0; generator && i < count; ++i) {
+            const auto frame = generator->Frame(i);
+            source.frames_.emplace_back(frame.begin(), frame.end());
+        }
+        source.count_ = source.frames_.size();
+        return source;
+    }
 
-Frames GenerateFrames(const Size &size, uint32_t count)
-{
-    Frames frames;
-    auto generator = kxpattern::PatternGenerator::Create(kxpattern::PixelFormat::kNV21, size.width, size.height);
-    if (!generator) {
-        return frames;
+    static FrameSource Streamed(const std::string &path, const Size &size, uint32_t limit)
+    {
+        FrameSource source;
+        source.file_.open(path, std::ios::binary | std::ios::ate);
+        source.buffer_.resize(size.Nv21Bytes());
+        const auto bytes = static_cast<size_t>(std::max<std::streamoff>(0, source.file_.tellg()));
+        source.count_ = std::min<size_t>(limit, bytes / source.buffer_.size());
+        return source;
     }
-    for (uint32_t i = 0; i < count; ++i) {
-        const auto frame = generator->Frame(i);
-        frames.emplace_back(frame.begin(), frame.end());
-    }
-    return frames;
-}
 
-Frames ReadFrames(const std::string &path, const Size &size, uint32_t limit)
-{
-    Frames frames;
-    std::ifstream in(path, std::ios::binary);
-    std::vector<uint8_t> frame(size.Nv21Bytes());
-    while (frames.size() < limit && in.read(reinterpret_cast<char *>(frame.data()), std::streamsize(frame.size()))) {
-        frames.push_back(frame);
+    size_t count() const { return count_; }
+
+    void Rewind()
+    {
+        next_ = 0;
+        if (file_.is_open()) {
+            file_.clear();
+            file_.seekg(0);
+        }
     }
-    return frames;
-}
+
+    // The next frame, valid until the next call; empty when none is left.
+    std::span<const uint8_t> Next()
+    {
+        if (next_ >= count_) {
+            return {};
+        }
+        ++next_;
+        if (!file_.is_open()) {
+            return frames_[next_ - 1];
+        }
+        if (!file_.read(reinterpret_cast<char *>(buffer_.data()), std::streamsize(buffer_.size()))) {
+            return {};
+        }
+        return buffer_;
+    }
+
+private:
+    std::vector<std::vector<uint8_t>> frames_;
+    std::ifstream file_;
+    std::vector<uint8_t> buffer_;
+    size_t count_ = 0;
+    size_t next_ = 0;
+};
 
 struct RoundFigures {
     double fps = 0;
@@ -131,26 +166,28 @@ public:
     }
 
     // Feeds every frame with at most `depth` frames inside the plugin.
-    bool Run(const Frames &frames, uint32_t depth, RoundFigures &figures)
+    bool Run(FrameSource &frames, uint32_t depth, RoundFigures &figures)
     {
+        frames.Rewind();
+        const size_t n = frames.count();
         const uint64_t base = counter_.Units();
         const double cpu0 = kxbench::CpuSeconds();
         const auto start = Clock::now();
-        for (size_t i = 0; i < frames.size(); ++i) {
+        for (size_t i = 0; i < n; ++i) {
             if (i >= depth && !counter_.WaitFor(base + i - depth + 1, kOutputTimeoutMs)) {
                 return false;
             }
-            const auto &frame = frames[i];
-            if (intake_("0", 1, frame.data(), static_cast<uint32_t>(frame.size())) != 0) {
+            const auto frame = frames.Next();
+            if (frame.empty() || intake_("0", 1, frame.data(), static_cast<uint32_t>(frame.size())) != 0) {
                 return false;
             }
         }
-        if (!counter_.WaitFor(base + frames.size(), kOutputTimeoutMs)) {
+        if (!counter_.WaitFor(base + n, kOutputTimeoutMs)) {
             return false;
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        figures.fps = static_cast<double>(frames.size()) / seconds;
-        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(frames.size());
+        figures.fps = static_cast<double>(n) / seconds;
+        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(n);
         return true;
     }
 
@@ -193,8 +230,10 @@ public:
                                                               bitRate)) == 0;
     }
 
-    bool Run(const Frames &frames, RoundFigures &figures)
+    bool Run(FrameSource &frames, RoundFigures &figures)
     {
+        frames.Rewind();
+        const size_t n = frames.count();
         const int w = static_cast<int>(size_.width);
         const int h = static_cast<int>(size_.height);
         const size_t luma = size_t{size_.width} * size_.height;
@@ -203,16 +242,18 @@ public:
         uint8_t *v = u + luma / 4;
         const double cpu0 = kxbench::CpuSeconds();
         const auto start = Clock::now();
-        for (const auto &frame : frames) {
-            if (libyuv::NV21ToI420(frame.data(), w, frame.data() + luma, w, y, w, u, w / 2, v, w / 2, w, h) != 0 ||
+        for (size_t i = 0; i < n; ++i) {
+            const auto frame = frames.Next();
+            if (frame.empty() ||
+                libyuv::NV21ToI420(frame.data(), w, frame.data() + luma, w, y, w, u, w / 2, v, w / 2, w, h) != 0 ||
                 session_.Encode(i420_, false, au_) != 0) {
                 return false;
             }
             bytes_ += au_.size();
         }
         const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        figures.fps = static_cast<double>(frames.size()) / seconds;
-        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(frames.size());
+        figures.fps = static_cast<double>(n) / seconds;
+        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(n);
         return true;
     }
 
@@ -270,9 +311,9 @@ int RunInterleaved(const Options &opt)
             std::fprintf(stderr, "pipeline: bad size '%s'\n", text.c_str());
             return 2;
         }
-        const Frames frames =
-            opt.input.empty() ? GenerateFrames(size, opt.frames) : ReadFrames(opt.input, size, opt.frames);
-        if (frames.empty()) {
+        FrameSource frames = opt.input.empty() ? FrameSource::Generated(size, opt.frames)
+                                               : FrameSource::Streamed(opt.input, size, opt.frames);
+        if (frames.count() == 0) {
             std::fprintf(stderr, "pipeline: no frames of %s\n", text.c_str());
             return 1;
         }
@@ -309,7 +350,7 @@ int RunInterleaved(const Options &opt)
                          a.empty() ? "" : (" plugin " + std::to_string(a.back().fps) + " fps").c_str(),
                          b.empty() ? "" : (" bare " + std::to_string(b.back().fps) + " fps").c_str());
         }
-        std::printf("%s, %zu frames x %u rounds, x264 bit rate %u:\n", text.c_str(), frames.size(), rounds,
+        std::printf("%s, %zu frames x %u rounds, x264 bit rate %u:\n", text.c_str(), frames.count(), rounds,
                     bitRate);
         if (!a.empty()) {
             const Latency latency = CollectLatency(plugin.counter(), plugin.encoderTimes());
@@ -483,7 +524,16 @@ int main(int argc, char **argv)
     app.add_option("--paced", opt.paced, "seconds of a real-time run of the virtual camera instead")
         ->check(CLI::Range(1.0, 3600.0));
     app.add_flag("--two-cameras", opt.twoCameras, "paced run: a pass-through H.264 camera beside the raw one");
+    app.add_flag("--print-bitrate", opt.printBitrate, "print the bit rate (kbit/s) the plugin asks for the one size");
     CLI11_PARSE(app, argc, argv);
+    if (opt.printBitrate) {
+        Size size;
+        if (opt.sizes.size() != 1 || !ParseSize(opt.sizes.front(), size) || PluginBitrate(size) == 0) {
+            return 2;
+        }
+        std::printf("%u\n", PluginBitrate(size) / 1000);
+        return 0;
+    }
     if (!opt.writeFrames.empty()) {
         return WriteFrames(opt);
     }
