@@ -1,8 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 // Copyright (C) 2026 The kxcamera authors
-// The framework heap: malloc with a count of outstanding blocks.
+// The framework heap: malloc with a count of outstanding blocks, and a small
+// cache of large blocks.
+//
+// Video frames of 1-3 MB are allocated and freed on every frame, several in
+// flight at once on different threads. malloc serves them from the heap top
+// and gives the pages back to the kernel whenever the top grows past its trim
+// threshold, so without the cache most frames page-faulted on every page of
+// their buffer. A freed large block is kept instead, and the next request of
+// the same size class takes it back with its pages still mapped.
+#include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdlib>
+#include <mutex>
 
 #include "internal.h"
 
@@ -11,17 +22,116 @@ namespace {
 
 std::atomic<int64_t> g_outstanding{0};
 
+// Every block carries its capacity in front, so that a free knows whether it
+// may keep the block; the header keeps the payload aligned like malloc's.
+constexpr size_t kHeaderSize = alignof(std::max_align_t);
+static_assert(kHeaderSize >= sizeof(size_t));
+
+// Blocks from 256 KiB are cached, their sizes rounded up to 64 KiB so that
+// frames of one stream land in one class. At most 8 blocks and 64 MiB wait.
+constexpr size_t kCacheMinBytes = size_t{256} << 10;
+constexpr size_t kCacheGranule = size_t{64} << 10;
+constexpr size_t kCacheSlots = 8;
+constexpr size_t kCacheMaxBytes = size_t{64} << 20;
+
+// The sanitizers must see every free to catch a use after it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kCacheEnabled = false;
+#else
+constexpr bool kCacheEnabled = true;
+#endif
+
+struct BlockCache {
+    std::mutex lock;
+    std::array<void *, kCacheSlots> blocks{}; // raw blocks, header included
+    std::array<size_t, kCacheSlots> capacities{};
+    size_t count = 0;
+    size_t bytes = 0;
+
+    void DropOldest()
+    {
+        std::free(blocks[0]);
+        bytes -= capacities[0];
+        --count;
+        for (size_t i = 0; i < count; ++i) {
+            blocks[i] = blocks[i + 1];
+            capacities[i] = capacities[i + 1];
+        }
+    }
+};
+
+// Never destroyed: a block may be freed by a static destructor or a thread
+// that outlives main. What waits in it stays reachable and bounded.
+BlockCache &Cache()
+{
+    static BlockCache *cache = new BlockCache;
+    return *cache;
+}
+
+size_t CapacityFor(size_t size)
+{
+    if (!kCacheEnabled || size < kCacheMinBytes) {
+        return size == 0 ? 1 : size;
+    }
+    return (size + kCacheGranule - 1) / kCacheGranule * kCacheGranule;
+}
+
+void *TakeCached(size_t capacity)
+{
+    BlockCache &cache = Cache();
+    std::lock_guard<std::mutex> guard(cache.lock);
+    // Newest first: its pages are the most likely to be in the caches.
+    for (size_t i = cache.count; i-- > 0;) {
+        if (cache.capacities[i] == capacity) {
+            void *raw = cache.blocks[i];
+            --cache.count;
+            cache.blocks[i] = cache.blocks[cache.count];
+            cache.capacities[i] = cache.capacities[cache.count];
+            cache.bytes -= capacity;
+            return raw;
+        }
+    }
+    return nullptr;
+}
+
+bool KeepCached(void *raw, size_t capacity)
+{
+    if (capacity > kCacheMaxBytes) {
+        return false;
+    }
+    BlockCache &cache = Cache();
+    std::lock_guard<std::mutex> guard(cache.lock);
+    // The oldest go first: a stream that changed size leaves its old class.
+    while (cache.count == kCacheSlots || cache.bytes + capacity > kCacheMaxBytes) {
+        cache.DropOldest();
+    }
+    cache.blocks[cache.count] = raw;
+    cache.capacities[cache.count] = capacity;
+    ++cache.count;
+    cache.bytes += capacity;
+    return true;
+}
+
 } // namespace
 
 void *AllocCounted(size_t size)
 {
     // malloc(0) may legally return NULL; a caller that asked for nothing
     // still gets a block of its own, so NULL always means failure.
-    void *block = std::malloc(size == 0 ? 1 : size);
-    if (block != nullptr) {
-        g_outstanding.fetch_add(1, std::memory_order_relaxed);
+    const size_t capacity = CapacityFor(size);
+    if (capacity > SIZE_MAX - kHeaderSize) {
+        return nullptr;
     }
-    return block;
+    void *raw = capacity >= kCacheMinBytes && kCacheEnabled ? TakeCached(capacity) : nullptr;
+    if (raw == nullptr) {
+        raw = std::malloc(kHeaderSize + capacity);
+    }
+    if (raw == nullptr) {
+        return nullptr;
+    }
+    *static_cast<size_t *>(raw) = capacity;
+    g_outstanding.fetch_add(1, std::memory_order_relaxed);
+    return static_cast<unsigned char *>(raw) + kHeaderSize;
 }
 
 void FreeCounted(void *block)
@@ -29,8 +139,13 @@ void FreeCounted(void *block)
     if (block == nullptr) {
         return;
     }
-    std::free(block);
+    void *raw = static_cast<unsigned char *>(block) - kHeaderSize;
+    const size_t capacity = *static_cast<const size_t *>(raw);
     g_outstanding.fetch_sub(1, std::memory_order_relaxed);
+    if (kCacheEnabled && capacity >= kCacheMinBytes && KeepCached(raw, capacity)) {
+        return;
+    }
+    std::free(raw);
 }
 
 } // namespace talvo
