@@ -40,9 +40,12 @@ inline size_t FormatLogLine(char *out, size_t size, int64_t monotonicUs, int32_t
     if (out == nullptr || size < 2) {
         return 0;
     }
-    // Cutting a long line is the point here, not an accident.
+    // Cutting a long line is the point here, not an accident. Clang has no
+    // such warning and would reject the unknown group.
 #pragma GCC diagnostic push
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
     const int n = std::snprintf(out, size - 1, "%" PRId64 ".%06" PRId64 " %c %s: %s", monotonicUs / 1000000,
                                 monotonicUs % 1000000, LevelLetter(level), tag != nullptr ? tag : "",
                                 text != nullptr ? text : "");

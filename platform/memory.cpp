@@ -34,8 +34,14 @@ constexpr size_t kCacheGranule = size_t{64} << 10;
 constexpr size_t kCacheSlots = 8;
 constexpr size_t kCacheMaxBytes = size_t{64} << 20;
 
-// The sanitizers must see every free to catch a use after it.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizers must see every free to catch a use after it. GCC defines
+// the macros, clang answers __has_feature.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TALVO_HEAP_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(TALVO_HEAP_SANITIZED)
 constexpr bool kCacheEnabled = false;
 #else
 constexpr bool kCacheEnabled = true;

@@ -26,6 +26,17 @@ void PostEvent(uint32_t what, KxModuleEventMsg *message)
     }
 }
 
+// The record's length bounds the value: the vendor's text need not end in a
+// NUL within it. Called once valueLen is known to be at most 16.
+int32_t ActionValue(const KxServiceAction *action)
+{
+    char text[kMaxActionValueLen + 1] = {};
+    if (action->value != nullptr) {
+        (void)memcpy_s(text, kMaxActionValueLen, action->value, action->valueLen);
+    }
+    return TalvoAtoi(text);
+}
+
 } // namespace
 
 KxModuleEventMsg *CameraEventsHandlerMsgInit(uint32_t what, const char *data, uint32_t len)
@@ -89,7 +100,7 @@ int32_t CameraUpdateServiceAction(const char *id, uint32_t idLen, const KxServic
         CameraModuleEventsMsgFree(action->type, message);
         return 0;
     }
-    message->notifyEvent = static_cast<uint32_t>(TalvoAtoi(action->value));
+    message->notifyEvent = static_cast<uint32_t>(ActionValue(action));
     PostEvent(kEventCameraState, message);
     return 0;
 }

@@ -15,7 +15,12 @@ using talvotest::PlatformTest;
 
 constexpr size_t kFrame720p = 1280 * 720 * 3 / 2;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define MEMORY_TEST_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(MEMORY_TEST_SANITIZED)
 constexpr bool kReuses = false; // the sanitizers see every block go
 #else
 constexpr bool kReuses = true;
