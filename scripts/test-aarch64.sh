@@ -1,0 +1,76 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# Cross-builds the plugin, the framework layer, the vendor fakes and their
+# suites for 64-bit Arm and runs the suites under qemu-user. Installs what is
+# missing first: the cross toolchain, qemu, and the arm64 libraries through
+# Debian multiarch. The reference vendor libraries, camhost and the tools are
+# not part of the cross build.
+set -eu
+cd "$(dirname "$0")/.."
+start=$(date +%s)
+build=build/aarch64
+
+HOST_PACKAGES="cmake ninja-build binutils file g++-aarch64-linux-gnu qemu-user-static nlohmann-json3-dev"
+TARGET_PACKAGES="libyuv-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64"
+
+installed() {
+  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"
+}
+
+missing=""
+for pkg in $HOST_PACKAGES $TARGET_PACKAGES; do
+  installed "$pkg" || missing="$missing $pkg"
+done
+if [ -n "$missing" ]; then
+  if [ "$(id -u)" -eq 0 ]; then
+    SUDO=""
+  elif command -v sudo >/dev/null 2>&1; then
+    SUDO="sudo"
+  else
+    echo "test-aarch64: missing packages:$missing; run as root to install them" >&2
+    exit 1
+  fi
+  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    echo "test-aarch64: adding the arm64 architecture"
+    $SUDO dpkg --add-architecture arm64
+  fi
+  echo "test-aarch64: installing$missing"
+  # Other apt users on the machine get a few minutes to finish.
+  $SUDO apt-get update -qq -o DPkg::Lock::Timeout=300
+  # shellcheck disable=SC2086
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends \
+    -o DPkg::Lock::Timeout=300 $missing
+fi
+
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
+  -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
+cmake --build "$build" -j2
+
+for lib in "$build/lib/libkxcamera.so" "$build/lib/libtalvo.so"; do
+  description=$(file -b "$lib")
+  echo "$lib: $description"
+  case $description in
+    *"ARM aarch64"*) ;;
+    *) echo "test-aarch64: $lib is not an aarch64 object" >&2; exit 1 ;;
+  esac
+done
+
+# The record layout checks live in the public headers; each header is
+# compiled alone, as C and as C++, for the target.
+checked=0
+for header in $(cd include && find . -name '*.h' | sed 's|^\./||'); do
+  stem=$(echo "$header" | sed 's/[^A-Za-z0-9_]/_/g')
+  for lang in c cpp; do
+    object=$build/tests/abi/CMakeFiles/kxcamera_header_check.dir/standalone/$stem.$lang.o
+    if [ ! -f "$object" ]; then
+      echo "test-aarch64: $header was not compiled as $lang for the target" >&2
+      exit 1
+    fi
+    checked=$((checked + 1))
+  done
+done
+echo "layout checks: $checked header compile tests (C and C++) built for aarch64"
+
+echo "test-aarch64: $(ctest --test-dir "$build" -N | sed -n 's/^Total Tests: //p') tests"
+ctest --test-dir "$build" -j2 --output-on-failure --timeout 300 --no-tests=error
+echo "test-aarch64: done in $(($(date +%s) - start)) s"
