@@ -74,9 +74,20 @@ BlockCache &Cache()
     return *cache;
 }
 
+// TALVO_HEAP_CACHE=0 turns the cache off for a run under a memory checker,
+// which must see every free as well.
+bool CacheOn()
+{
+    static const bool on = [] {
+        const char *text = std::getenv("TALVO_HEAP_CACHE");
+        return kCacheEnabled && (text == nullptr || text[0] != '0');
+    }();
+    return on;
+}
+
 size_t CapacityFor(size_t size)
 {
-    if (!kCacheEnabled || size < kCacheMinBytes) {
+    if (!CacheOn() || size < kCacheMinBytes) {
         return size == 0 ? 1 : size;
     }
     return (size + kCacheGranule - 1) / kCacheGranule * kCacheGranule;
@@ -128,7 +139,7 @@ void *AllocCounted(size_t size)
     if (capacity > SIZE_MAX - kHeaderSize) {
         return nullptr;
     }
-    void *raw = capacity >= kCacheMinBytes && kCacheEnabled ? TakeCached(capacity) : nullptr;
+    void *raw = capacity >= kCacheMinBytes && CacheOn() ? TakeCached(capacity) : nullptr;
     if (raw == nullptr) {
         raw = std::malloc(kHeaderSize + capacity);
     }
@@ -148,7 +159,7 @@ void FreeCounted(void *block)
     void *raw = static_cast<unsigned char *>(block) - kHeaderSize;
     const size_t capacity = *static_cast<const size_t *>(raw);
     g_outstanding.fetch_sub(1, std::memory_order_relaxed);
-    if (kCacheEnabled && capacity >= kCacheMinBytes && KeepCached(raw, capacity)) {
+    if (capacity >= kCacheMinBytes && CacheOn() && KeepCached(raw, capacity)) {
         return;
     }
     std::free(raw);

@@ -49,6 +49,7 @@ struct KxCameraService {
     uint8_t isOpened;
     // Beyond the fields above, kept for a safe teardown:
     uint8_t vencThreadStarted; // the thread was created and not yet joined
+    uint8_t vencThreadLive;    // set before the thread is created, cleared by the thread as it leaves
     uint32_t droppedFrames;    // raw frames released because no encoder thread ran
 };
 

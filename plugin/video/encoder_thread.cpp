@@ -48,6 +48,23 @@ void CloseQueue(KxCameraService *service)
     }
 }
 
+// The encoder thread's own record, so that a stop made from inside one of
+// the thread's callbacks does not wait for the thread itself.
+thread_local const KxCameraService *t_encoderOf = nullptr;
+
+// A thread that could not be joined was still told to stop and leaves its
+// loop within one frame or one pause; until then it reads the record, its
+// queue and its buffers, which the stop is about to release.
+void WaitForThreadExit(const KxCameraService *service)
+{
+    if (t_encoderOf == service) {
+        return;
+    }
+    while (__atomic_load_n(&service->vencThreadLive, __ATOMIC_ACQUIRE) != 0) {
+        (void)TALVOSleep(static_cast<uint32_t>(kx::kVencSleepMs));
+    }
+}
+
 void ResetQueue(TALVODllHead *queue)
 {
     queue->first = reinterpret_cast<TALVODllNode *>(queue);
@@ -131,12 +148,14 @@ int32_t StartVideoEncoderThread(KxCameraService *service)
     }
     SetRunning(service, 1);
     ResetQueue(&service->vencQueue);
+    __atomic_store_n(&service->vencThreadLive, 1, __ATOMIC_RELEASE);
     const TALVOThreadParam param{kThreadLevel, service, kThreadName};
     ret = TALVOThreadFw(&service->vencThread, VideoEncoderThread, &param);
     if (ret != 0) {
         LOGE("create audio decode thread failed, error code %d", ret);
         // Back to "not started", so that the stop has nothing to join or
         // destroy and no frame is queued for a thread that does not exist.
+        __atomic_store_n(&service->vencThreadLive, 0, __ATOMIC_RELEASE);
         SetRunning(service, 0);
         (void)TALVOMutexDestroy(&service->vencLock);
         return ret;
@@ -154,6 +173,7 @@ int32_t StopVideoEncoderThread(KxCameraService *service)
         ret = TALVOThreadJoinFw(service->vencThread, nullptr);
         if (ret != 0) {
             LOGE("TALVOThreadJoinFw failed, error code %d", ret);
+            WaitForThreadExit(service);
         }
         CloseQueue(service);
         ret = TALVOMutexDestroy(&service->vencLock);
@@ -177,10 +197,13 @@ void *VideoEncoderThread(void *arg)
         return nullptr;
     }
     (void)TALVOThreadSetName(kThreadName, TALVOStrlen(kThreadName));
+    t_encoderOf = service;
     const KxVideoEncoderHandler *handler = service->vencHandler;
     while (true) {
         if (!Running(service)) {
             LOGI("exit thread AudioDeocoderThread");
+            // The last touch of the record: a stop whose join failed frees it after this.
+            __atomic_store_n(&service->vencThreadLive, 0, __ATOMIC_RELEASE);
             return nullptr;
         }
         TALVODllNode *node = GetVencUnit(service);
