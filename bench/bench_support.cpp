@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
 
 #include "talvo/talvo.h"
 
@@ -128,7 +127,10 @@ uint64_t UnitCounter::Bytes() const
 std::vector<std::pair<int64_t, int64_t>> UnitCounter::TakeLatencies()
 {
     std::lock_guard lock(mutex_);
-    return std::exchange(latencies_, {});
+    std::vector<std::pair<int64_t, int64_t>> taken;
+    taken.swap(latencies_);
+    latencies_.reserve(size_t{1} << 16);
+    return taken;
 }
 
 std::string PluginPath() { return KXBENCH_PLUGIN_PATH; }

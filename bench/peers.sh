@@ -1,7 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
 # The plugin's raw road against FFmpeg and GStreamer on the same NV21 frames
-# with the same x264 settings (ultrafast, zerolatency, sliced threads, the
+# with the same x264 settings (ultrafast, zerolatency, sliced threads - both
+# peers default to frame threads, which trade latency for throughput -, the
 # plugin's bit rate with a VBV ceiling of the same rate and half a second of
 # buffer, an IDR every 60 frames). Each tool runs as a whole process under
 # GNU time, interleaved, ROUNDS times; the table gives medians.
@@ -37,7 +38,7 @@ median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 for size in $SIZES; do
   w=${size%x*}
   h=${size#*x}
-  frames="$WORK/frames-$size.nv21"
+  frames="$WORK/frames-$size-$FRAMES.nv21"
   [ -s "$frames" ] || $PIPELINE --write-frames "$frames" --sizes "$size" --frames "$FRAMES"
   kbps=$($PIPELINE --print-bitrate --sizes "$size")
   : >"$WORK/results-$size"
@@ -45,7 +46,7 @@ for size in $SIZES; do
   while [ "$round" -le "$ROUNDS" ]; do
     echo "plugin $(TALVO_VENC_THREADS=$THREADS timed $PIPELINE --input "$frames" --sizes "$size" --frames "$FRAMES" --only plugin)" >>"$WORK/results-$size"
     echo "ffmpeg $(timed ffmpeg -nostdin -hide_banner -loglevel error -f rawvideo -pix_fmt nv21 -s "$size" -r 30 \
-      -i "$frames" -c:v libx264 -preset ultrafast -tune zerolatency -threads "$THREADS" \
+      -i "$frames" -c:v libx264 -preset ultrafast -tune zerolatency -threads "$THREADS" -thread_type slice \
       -b:v "${kbps}k" -maxrate "${kbps}k" -bufsize "$((kbps / 2))k" -g 60 -f null -)" >>"$WORK/results-$size"
     # Without the caps filter videoconvert picks Y444 and the encode costs twice as much.
     echo "gstreamer $(timed gst-launch-1.0 -q filesrc location="$frames" blocksize=$((w * h * 3 / 2)) \

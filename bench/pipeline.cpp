@@ -56,8 +56,8 @@ bool ParseSize(const std::string &text, Size &size)
 
 struct Options {
     std::vector<std::string> sizes{"1280x720", "1920x1080"};
-    uint32_t frames = 240;
-    uint32_t rounds = 4;
+    uint32_t frames = 200;
+    uint32_t rounds = 6;
     uint32_t depth = 4;
     std::string only;        // "plugin" or "bare": one road, one round
     std::string input;       // raw NV21 file instead of generated frames
