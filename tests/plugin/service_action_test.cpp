@@ -3,6 +3,8 @@
 // queue and its handler, end to end to the framework's callbacks.
 #include "events/events.h"
 
+#include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -164,6 +166,20 @@ TEST_F(VendorReportTest, CameraStateReportsStateThenTheSamePacketAsStatusOne)
     auto fromStatus = CallbackLog::Get().GlbCalls();
     ASSERT_EQ(fromStatus.size(), 1u);
     EXPECT_EQ(fromStatus[0].packet, fromAction[0].packet);
+}
+
+// The record's length bounds the value: what follows it, and a missing NUL,
+// are not the vendor's to answer for.
+TEST_F(VendorReportTest, StateValueIsReadWithinItsLengthOnly)
+{
+    const auto bytes = std::make_unique<char[]>(4);
+    std::memcpy(bytes.get(), "2015", 4); // no terminator anywhere
+    const KxServiceAction action{7, 0, bytes.get(), 3, 0};
+    EXPECT_EQ(OnVendorThread([&] { return CameraUpdateServiceAction("0", 1, &action); }), 0);
+    ASSERT_TRUE(DrainEventQueue());
+    auto cmd = CallbackLog::Get().CmdCalls();
+    ASSERT_EQ(cmd.size(), 1u) << DumpLogs();
+    EXPECT_EQ(cmd[0].payload.type, 201u);
 }
 
 TEST_F(VendorReportTest, StateThatIsNoNotificationEventReportsOnlyTheState)
