@@ -32,6 +32,8 @@ else
   exit 1
 fi
 echo "install-deps: installing$missing"
-$SUDO apt-get update -qq
+# Another apt user on the machine gets a few minutes to finish.
+$SUDO apt-get update -qq -o DPkg::Lock::Timeout=300
 # shellcheck disable=SC2086
-DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends $missing
+DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends \
+  -o DPkg::Lock::Timeout=300 $missing

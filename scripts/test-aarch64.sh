@@ -13,34 +13,18 @@ build=build/aarch64
 HOST_PACKAGES="cmake ninja-build binutils file g++-aarch64-linux-gnu qemu-user-static nlohmann-json3-dev"
 TARGET_PACKAGES="libyuv-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64"
 
-installed() {
-  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"
-}
-
-missing=""
-for pkg in $HOST_PACKAGES $TARGET_PACKAGES; do
-  installed "$pkg" || missing="$missing $pkg"
-done
-if [ -n "$missing" ]; then
+# The arm64 packages come through multiarch; install-deps then fetches their
+# lists with its apt-get update.
+if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+  echo "test-aarch64: adding the arm64 architecture"
   if [ "$(id -u)" -eq 0 ]; then
-    SUDO=""
-  elif command -v sudo >/dev/null 2>&1; then
-    SUDO="sudo"
+    dpkg --add-architecture arm64
   else
-    echo "test-aarch64: missing packages:$missing; run as root to install them" >&2
-    exit 1
+    sudo dpkg --add-architecture arm64
   fi
-  if ! dpkg --print-foreign-architectures | grep -qx arm64; then
-    echo "test-aarch64: adding the arm64 architecture"
-    $SUDO dpkg --add-architecture arm64
-  fi
-  echo "test-aarch64: installing$missing"
-  # Other apt users on the machine get a few minutes to finish.
-  $SUDO apt-get update -qq -o DPkg::Lock::Timeout=300
-  # shellcheck disable=SC2086
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends \
-    -o DPkg::Lock::Timeout=300 $missing
 fi
+# shellcheck disable=SC2086
+sh scripts/install-deps.sh $HOST_PACKAGES $TARGET_PACKAGES
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu.cmake
