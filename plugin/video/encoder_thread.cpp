@@ -340,19 +340,8 @@ void PostVideoBs(KxCameraService *service, const KxVencOutput *output)
     unit->dataType = KX_VIDEO_DATA_TYPE;
 
     // Bitstream units name the camera by its vendor id.
-    KxServiceIdDesc identity{service->vendorId, service->vendorIdLen, service->serviceType};
-    KxCallbackPayload payload{};
-    payload.data = unit;
-    KxCommand message{};
-    message.code = KX_MSG_BITSTREAM;
-    message.output = &payload;
-    message.outputLen = sizeof(payload);
-    KxCmdCallback cmdCb = __atomic_load_n(&service->cmdCb, __ATOMIC_RELAXED);
-    if (cmdCb != nullptr) {
-        (void)cmdCb(&identity, &message, __atomic_load_n(&service->cmdCbUserData, __ATOMIC_RELAXED));
-    } else {
-        OutputCameraDataFree(unit, nullptr);
-    }
+    const KxServiceIdDesc identity{service->vendorId, service->vendorIdLen, service->serviceType};
+    kx::HandUnitToFramework(service, identity, KX_MSG_BITSTREAM, unit);
     LOGT("id %s video stream type %d length %d timeStamp %lld", service->anonyServiceId, streamType,
          output->bsLength, static_cast<long long>(output->timeStamp));
 }

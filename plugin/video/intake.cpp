@@ -52,20 +52,10 @@ void DropRawFrame(KxCameraService *service, KxVideoAccessUnit *unit)
 
 int32_t HandOverFrame(const KxCameraService *service, KxVideoAccessUnit *unit)
 {
-    KxCmdCallback cmdCb = Peek(service->cmdCb);
-    if (cmdCb == nullptr) {
-        OutputCameraDataFree(unit, nullptr);
-        return 0;
-    }
     // Frames handed on directly name the camera by its service id.
-    KxServiceIdDesc identity{service->serviceId, TALVOStrlen(service->serviceId), kx::kDeviceServiceTypeCamera};
-    KxCallbackPayload payload{};
-    payload.data = unit;
-    KxCommand message{};
-    message.code = KX_MSG_CAMERA_FRAME;
-    message.output = &payload;
-    message.outputLen = sizeof(payload);
-    (void)cmdCb(&identity, &message, Peek(service->cmdCbUserData));
+    const KxServiceIdDesc identity{service->serviceId, TALVOStrlen(service->serviceId),
+                                   kx::kDeviceServiceTypeCamera};
+    kx::HandUnitToFramework(service, identity, KX_MSG_CAMERA_FRAME, unit);
     return 0;
 }
 
@@ -111,6 +101,23 @@ int32_t QueueRawFrame(KxCameraService *service, KxVideoAccessUnit *unit)
 }
 
 } // namespace
+
+void kx::HandUnitToFramework(const KxCameraService *service, const KxServiceIdDesc &identity, uint32_t code,
+                             KxVideoAccessUnit *unit)
+{
+    KxCmdCallback cmdCb = Peek(service->cmdCb);
+    if (cmdCb == nullptr) {
+        OutputCameraDataFree(unit, nullptr);
+        return;
+    }
+    KxCallbackPayload payload{};
+    payload.data = unit;
+    KxCommand message{};
+    message.code = code;
+    message.output = &payload;
+    message.outputLen = sizeof(payload);
+    (void)cmdCb(&identity, &message, Peek(service->cmdCbUserData));
+}
 
 KxVideoAccessUnit *CreateTALVOServiceOpsBuffer(const uint8_t *data, int32_t length)
 {

@@ -41,3 +41,13 @@ KXCAMERA_API int32_t ColorConvertRGB5652I420(const KxImage *srcImg, const KxImag
 KXCAMERA_API int32_t ColorConvertNV212I420(const KxImage *srcImg, const KxImage *dstImg);
 KXCAMERA_API int32_t ColorConvertI4202NV12(const KxImage *srcImg, const KxImage *dstImg);
 }
+
+namespace kx {
+
+// Hands a unit to the camera's command callback as message `code`, naming
+// the camera by `identity`; the unit is the framework's from then on. With
+// no callback set it is released here.
+void HandUnitToFramework(const KxCameraService *service, const KxServiceIdDesc &identity, uint32_t code,
+                         KxVideoAccessUnit *unit);
+
+} // namespace kx
