@@ -83,17 +83,10 @@ std::vector<std::pair<int64_t, int64_t>> EncoderTimes::Take()
 
 void UnitCounter::OnMessage(const camhost::CameraMessage &message)
 {
-    if (message.payload == nullptr || message.payload->data == nullptr) {
+    KxVideoAccessUnit *unit = camhost::TakeVideoUnit(message);
+    if (unit == nullptr) {
         return;
     }
-    if (message.code == KX_MSG_BINARY_DATA) {
-        TalvoFree(message.payload->data);
-        return;
-    }
-    if (message.code != KX_MSG_CAMERA_FRAME && message.code != KX_MSG_BITSTREAM) {
-        return;
-    }
-    auto *unit = static_cast<KxVideoAccessUnit *>(message.payload->data);
     const int64_t now = TALVOSystemTimeUs();
     {
         std::lock_guard lock(mutex_);
@@ -102,8 +95,7 @@ void UnitCounter::OnMessage(const camhost::CameraMessage &message)
         latencies_.emplace_back(unit->timeStamp, now - unit->timeStamp);
     }
     arrived_.notify_all();
-    TalvoFree(unit->data);
-    TalvoFree(unit);
+    camhost::FreeVideoUnit(unit);
 }
 
 bool UnitCounter::WaitFor(uint64_t n, int timeoutMs)

@@ -6,9 +6,36 @@
 #include <cstdio>
 #include <cstring>
 
+#include "talvo/talvo.h"
+
 namespace camhost {
 
 PluginHost *PluginHost::current_ = nullptr;
+
+KxVideoAccessUnit *TakeVideoUnit(const CameraMessage &message)
+{
+    if (message.payload == nullptr) {
+        return nullptr;
+    }
+    switch (message.code) {
+    case KX_MSG_CAMERA_FRAME:
+    case KX_MSG_BITSTREAM:
+        return static_cast<KxVideoAccessUnit *>(message.payload->data);
+    case KX_MSG_BINARY_DATA:
+        TalvoFree(message.payload->data);
+        return nullptr;
+    default:
+        return nullptr;
+    }
+}
+
+void FreeVideoUnit(KxVideoAccessUnit *unit)
+{
+    if (unit != nullptr) {
+        TalvoFree(unit->data);
+        TalvoFree(unit);
+    }
+}
 
 PluginHost::~PluginHost()
 {

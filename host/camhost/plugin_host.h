@@ -21,6 +21,12 @@ struct CameraMessage {
 };
 using CameraSink = std::function<void(const CameraMessage &)>;
 
+// The video unit a frame or bitstream message hands over, or null. Binary
+// data, the other payload that becomes the host's, is freed here.
+KxVideoAccessUnit *TakeVideoUnit(const CameraMessage &message);
+// Frees a unit taken over from the plugin, with its bytes.
+void FreeVideoUnit(KxVideoAccessUnit *unit);
+
 class PluginHost {
 public:
     PluginHost() = default;

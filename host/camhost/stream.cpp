@@ -38,26 +38,11 @@ bool CameraStream::OpenOutput(const std::string &path, std::string &error)
 
 void CameraStream::OnMessage(const CameraMessage &message)
 {
-    if (message.payload == nullptr) {
-        return;
-    }
-    switch (message.code) {
-    case KX_MSG_CAMERA_FRAME:
-    case KX_MSG_BITSTREAM: {
-        // The unit and its bytes are ours from now on.
-        auto *unit = static_cast<KxVideoAccessUnit *>(message.payload->data);
-        if (unit != nullptr) {
-            Consume(unit);
-            TalvoFree(unit->data);
-            TalvoFree(unit);
-        }
-        break;
-    }
-    case KX_MSG_BINARY_DATA:
-        TalvoFree(message.payload->data);
-        break;
-    default:
-        break;
+    // The unit and its bytes are ours from now on.
+    KxVideoAccessUnit *unit = TakeVideoUnit(message);
+    if (unit != nullptr) {
+        Consume(unit);
+        FreeVideoUnit(unit);
     }
 }
 
