@@ -20,14 +20,15 @@ double CpuSeconds();
 double Percentile(std::vector<double> values, double fraction);
 double Median(std::vector<double> values);
 
-// Frames per encoder call timed inside the encoder library: the benchmark's
-// stand-in for libtalvovideoencoder.so forwards to the real one and records
-// how long each VideoEncoderProcess took, keyed by the frame's time stamp.
+// The encoder's own time per frame: the benchmark's stand-in for
+// libtalvovideoencoder.so forwards to the real one and records how long each
+// VideoEncoderProcess took, keyed by the frame's time stamp.
 class EncoderTimes {
 public:
     // Reads the recorder of the stand-in library at path; false if absent.
     bool Attach(const std::string &path);
-    // Microseconds the encoder spent on the frame stamped timeStamp, or -1.
+    // Pairs of (frame time stamp, µs in the encoder) recorded since the last
+    // call; valid until the plugin releases its vendor libraries.
     std::vector<std::pair<int64_t, int64_t>> Take();
 
 private:

@@ -133,6 +133,21 @@ struct RoundFigures {
     double cpuPerFrameMs = 0;
 };
 
+// Times one round of n frames, `body` returning false on a failure.
+template <typename Body>
+bool TimeRound(size_t n, RoundFigures &figures, Body body)
+{
+    const double cpu0 = kxbench::CpuSeconds();
+    const auto start = Clock::now();
+    if (!body()) {
+        return false;
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    figures.fps = static_cast<double>(n) / seconds;
+    figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(n);
+    return true;
+}
+
 // What the plugin is given per size: the raw camera of the virtual camera
 // library, negotiated to NV21 and never opened, so that the only frames it
 // sees are the ones this program hands to the intake.
@@ -171,24 +186,18 @@ public:
         frames.Rewind();
         const size_t n = frames.count();
         const uint64_t base = counter_.Units();
-        const double cpu0 = kxbench::CpuSeconds();
-        const auto start = Clock::now();
-        for (size_t i = 0; i < n; ++i) {
-            if (i >= depth && !counter_.WaitFor(base + i - depth + 1, kOutputTimeoutMs)) {
-                return false;
+        return TimeRound(n, figures, [&] {
+            for (size_t i = 0; i < n; ++i) {
+                if (i >= depth && !counter_.WaitFor(base + i - depth + 1, kOutputTimeoutMs)) {
+                    return false;
+                }
+                const auto frame = frames.Next();
+                if (frame.empty() || intake_("0", 1, frame.data(), static_cast<uint32_t>(frame.size())) != 0) {
+                    return false;
+                }
             }
-            const auto frame = frames.Next();
-            if (frame.empty() || intake_("0", 1, frame.data(), static_cast<uint32_t>(frame.size())) != 0) {
-                return false;
-            }
-        }
-        if (!counter_.WaitFor(base + n, kOutputTimeoutMs)) {
-            return false;
-        }
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        figures.fps = static_cast<double>(n) / seconds;
-        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(n);
-        return true;
+            return counter_.WaitFor(base + n, kOutputTimeoutMs);
+        });
     }
 
     kxbench::UnitCounter &counter() { return counter_; }
@@ -240,21 +249,17 @@ public:
         uint8_t *y = i420_.data();
         uint8_t *u = y + luma;
         uint8_t *v = u + luma / 4;
-        const double cpu0 = kxbench::CpuSeconds();
-        const auto start = Clock::now();
-        for (size_t i = 0; i < n; ++i) {
-            const auto frame = frames.Next();
-            if (frame.empty() ||
-                libyuv::NV21ToI420(frame.data(), w, frame.data() + luma, w, y, w, u, w / 2, v, w / 2, w, h) != 0 ||
-                session_.Encode(i420_, false, au_) != 0) {
-                return false;
+        return TimeRound(n, figures, [&] {
+            for (size_t i = 0; i < n; ++i) {
+                const auto frame = frames.Next();
+                if (frame.empty() ||
+                    libyuv::NV21ToI420(frame.data(), w, frame.data() + luma, w, y, w, u, w / 2, v, w / 2, w, h) != 0 ||
+                    session_.Encode(i420_, false, au_) != 0) {
+                    return false;
+                }
             }
-            bytes_ += au_.size();
-        }
-        const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        figures.fps = static_cast<double>(n) / seconds;
-        figures.cpuPerFrameMs = (kxbench::CpuSeconds() - cpu0) * 1000 / static_cast<double>(n);
-        return true;
+            return true;
+        });
     }
 
 private:
@@ -262,7 +267,6 @@ private:
     std::vector<uint8_t> i420_;
     std::vector<uint8_t> au_;
     kxvendor::X264Session session_;
-    uint64_t bytes_ = 0;
 };
 
 struct Latency {
