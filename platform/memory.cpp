@@ -54,15 +54,21 @@ struct BlockCache {
     size_t count = 0;
     size_t bytes = 0;
 
-    void DropOldest()
+    // Takes entry i out, keeping the others oldest first.
+    void RemoveAt(size_t i)
     {
-        std::free(blocks[0]);
-        bytes -= capacities[0];
+        bytes -= capacities[i];
         --count;
-        for (size_t i = 0; i < count; ++i) {
+        for (; i < count; ++i) {
             blocks[i] = blocks[i + 1];
             capacities[i] = capacities[i + 1];
         }
+    }
+
+    void DropOldest()
+    {
+        std::free(blocks[0]);
+        RemoveAt(0);
     }
 };
 
@@ -101,10 +107,7 @@ void *TakeCached(size_t capacity)
     for (size_t i = cache.count; i-- > 0;) {
         if (cache.capacities[i] == capacity) {
             void *raw = cache.blocks[i];
-            --cache.count;
-            cache.blocks[i] = cache.blocks[cache.count];
-            cache.capacities[i] = cache.capacities[cache.count];
-            cache.bytes -= capacity;
+            cache.RemoveAt(i);
             return raw;
         }
     }
