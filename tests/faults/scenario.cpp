@@ -62,8 +62,12 @@ std::vector<uint8_t> RawFrame(uint32_t index)
 
 std::vector<uint8_t> DirectUnit(uint32_t index)
 {
-    std::vector<uint8_t> unit = {0, 0, 0, 1, 0x65, static_cast<uint8_t>(index)};
-    unit.resize(100 + index, static_cast<uint8_t>(0xA0 + index));
+    // Start code, IDR slice header byte, the index, then filler. Filled
+    // first and written over: growing a short vector trips GCC 12's
+    // -Warray-bounds at -O3.
+    std::vector<uint8_t> unit(100 + index, static_cast<uint8_t>(0xA0 + index));
+    const uint8_t head[] = {0, 0, 0, 1, 0x65, static_cast<uint8_t>(index)};
+    std::copy(std::begin(head), std::end(head), unit.begin());
     return unit;
 }
 
