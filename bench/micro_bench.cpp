@@ -80,12 +80,12 @@ public:
         raw_->vencQueue.last = reinterpret_cast<TALVODllNode *>(&raw_->vencQueue);
         raw_->vencQueue.count = 0;
         __atomic_store_n(&raw_->vencRunning, 1, __ATOMIC_RELEASE);
-        __atomic_store_n(&raw_->vencThreadStarted, 1, __ATOMIC_RELEASE);
+        __atomic_store_n(&raw_->laneGate, 1, __ATOMIC_RELEASE);
     }
 
     void DisarmRawQueue()
     {
-        __atomic_store_n(&raw_->vencThreadStarted, 0, __ATOMIC_RELEASE);
+        __atomic_store_n(&raw_->laneGate, 0, __ATOMIC_RELEASE);
         __atomic_store_n(&raw_->vencRunning, 0, __ATOMIC_RELEASE);
         (void)TALVOMutexDestroy(&raw_->vencLock);
     }

@@ -286,7 +286,7 @@ std::optional<uint32_t> CameraOf(const char *text)
 bool HeapSettled()
 {
     for (const KxCameraService *record : g_h.record) {
-        if (__atomic_load_n(&record->vencThreadStarted, __ATOMIC_ACQUIRE) != 0) {
+        if (__atomic_load_n(&record->laneGate, __ATOMIC_ACQUIRE) != 0) {
             return false;
         }
     }
@@ -684,7 +684,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // they still hold.
     for (uint32_t camera = 0; camera < kCameraCount; ++camera) {
         OpClose(camera);
-        FUZZ_CHECK(__atomic_load_n(&g_h.record[camera]->vencThreadStarted, __ATOMIC_ACQUIRE) == 0 &&
+        FUZZ_CHECK(__atomic_load_n(&g_h.record[camera]->laneGate, __ATOMIC_ACQUIRE) == 0 &&
                        g_h.record[camera]->vencHandle == nullptr,
                    "camera %u keeps its encoder after close", camera);
     }

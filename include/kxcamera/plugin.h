@@ -120,6 +120,36 @@ KXCAMERA_API extern const uint8_t KX_CAMREA_VRESION_SUB;
 KXCAMERA_API extern const uint8_t KX_CAMREA_VRESION_PATCH;
 KXCAMERA_API extern const uint8_t KX_CAMREA_VRESION_BETA;
 
+/*
+ * The bound on a raw-frame camera's queue of frames waiting for its encoder
+ * thread. When a frame arrives, the oldest waiting frames are dropped while
+ * the queue holds more than VENC_QUEUE_MAX_FRAMES frames or more than
+ * VENC_QUEUE_MAX_BYTES bytes, or while the oldest arrived more than
+ * VENC_QUEUE_MAX_AGE_INTERVALS frame intervals (of the negotiated rate)
+ * before the newest. The newest frame is never dropped, and frames that
+ * arrive together are never dropped for their age.
+ */
+KXCAMERA_API extern const int32_t VENC_QUEUE_MAX_FRAMES;
+KXCAMERA_API extern const int32_t VENC_QUEUE_MAX_BYTES;
+KXCAMERA_API extern const int32_t VENC_QUEUE_MAX_AGE_INTERVALS;
+
+/* What became of one camera's frames since service load. */
+typedef struct {
+    uint64_t framesIn;        /* frames the camera delivered and the plugin took */
+    uint64_t framesEncoded;   /* raw frames encoded, or frames passed on as they came */
+    uint64_t droppedOverload; /* raw frames dropped because the encoder fell behind */
+    uint64_t droppedError;    /* frames dropped for any other reason */
+} KxCameraFrameCounters;
+KX_ABI_SIZE(KxCameraFrameCounters, 32);
+KX_ABI_OFFSET(KxCameraFrameCounters, droppedError, 24);
+
+/*
+ * Copies the counters of the camera named by index->id (its service id).
+ * Returns 0, -13 for a null argument, -1000 when the service is not loaded,
+ * -5 for an unknown camera.
+ */
+KXCAMERA_API int32_t KxCameraGetFrameCounters(const KxServiceIdDesc *index, KxCameraFrameCounters *counters);
+
 /* The entry point: fills the nine slots, returns 0. */
 KXCAMERA_API int32_t TALVOGetCameraServiceHandler(KxServiceHandler *table);
 

@@ -15,12 +15,6 @@ inline bool ModuleHasVideoEncoder()
 {
     return static_cast<int32_t>(g_cameraModule.vencAbilityNum) > 0;
 }
-// The camera has an encoder thread or an encoder instance.
-bool HasVideoEncoder(const KxCameraService *service);
-// Stops and joins the camera's encoder thread, then destroys its encoder, so
-// that the thread never calls an encoder that is gone. Harmless when neither
-// exists.
-void TearDownVideoEncoder(KxCameraService *service);
 } // namespace kx
 
 // Message types of a negotiated parameter text.

@@ -4,6 +4,7 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "common/mutex.h"
 
 namespace {
@@ -48,7 +49,7 @@ int32_t TALVOCameraSetCommand(const KxServiceIdDesc *index, KxCommand *command)
         LOGE("camera set cmd params is null");
         return kx::kErrNotInited;
     }
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera module is not init, please init first");
         return kx::kErrNotInited;
     }

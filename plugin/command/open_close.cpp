@@ -5,7 +5,9 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "events/events.h"
+#include "video/lane.h"
 #include "video/video.h"
 
 namespace {
@@ -17,17 +19,6 @@ constexpr int32_t kFacingClosed = -1;
 constexpr int32_t kDegreeOpened = 270;
 
 } // namespace
-
-bool kx::HasVideoEncoder(const KxCameraService *service)
-{
-    return __atomic_load_n(&service->vencThreadStarted, __ATOMIC_ACQUIRE) != 0 || service->vencHandle != nullptr;
-}
-
-void kx::TearDownVideoEncoder(KxCameraService *service)
-{
-    (void)StopVideoEncoderThread(service);
-    (void)DestoryVideoEncoder(service);
-}
 
 int32_t DoOpenCameraCmd(KxCameraService *service, KxCommand *)
 {
@@ -58,7 +49,7 @@ int32_t DoOpenCameraCmd(KxCameraService *service, KxCommand *)
 
 int32_t DoCloseCameraCmd(KxCameraService *service, KxCommand *)
 {
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera module not inited");
         return kx::kErrNotInited;
     }
@@ -71,7 +62,7 @@ int32_t DoCloseCameraCmd(KxCameraService *service, KxCommand *)
     // The thread before the encoder, not the other way round: the thread
     // calls the encoder until it has been joined.
     if (service->negParams.codecType == 0 && kx::ModuleHasVideoEncoder()) {
-        kx::TearDownVideoEncoder(service);
+        kx::LaneTearDown(service);
     }
     if (service->isOpened == 1) {
         DoNotifyCameraState(service, kStateClosed);

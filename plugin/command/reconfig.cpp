@@ -5,7 +5,9 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "talvo/securec.h"
+#include "video/lane.h"
 #include "video/video.h"
 
 namespace {
@@ -64,14 +66,14 @@ int32_t DoSetCameraParamsCmd(KxCameraService *service, KxCommand *command)
         return ret;
     }
     const KxNegParams &neg = service->negParams;
-    if (msgType == kNegMsgUpdate && __atomic_load_n(&service->vencRunning, __ATOMIC_ACQUIRE) == 1) {
+    if (msgType == kNegMsgUpdate && kx::LaneRunning(service)) {
         return UpdataCameraFps(service, neg.fps);
     }
     // Never two encoders or two threads over one record, and no encoder left
     // behind once the camera stops delivering raw frames: whatever an earlier
     // message set up goes before this one sets up anything.
-    if (kx::HasVideoEncoder(service)) {
-        kx::TearDownVideoEncoder(service);
+    if (kx::LaneExists(service)) {
+        kx::LaneTearDown(service);
     }
     if (neg.codecType == 0) {
         if (!kx::ModuleHasVideoEncoder()) {
@@ -112,7 +114,7 @@ int32_t UpdataCameraFps(KxCameraService *service, int32_t fps)
 
 int32_t DoTALVOCameraTriggerIFrameCmd(KxCameraService *service, KxCommand *command)
 {
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("trigger I Frame camera module not inited");
         return kx::kErrNotInited;
     }

@@ -14,6 +14,10 @@ inline constexpr int32_t kDefaultIInterval = 60;
 inline constexpr int32_t kVencSleepMs = 3;
 inline constexpr int32_t kMaxVideoDataLength = 52428800;
 inline constexpr int32_t kMaxCameraAbilityCount = 10;
+// The raw-frame queue's bound: a burst of several frames fits, a backlog does not.
+inline constexpr int32_t kVencQueueMaxFrames = 16;
+inline constexpr int32_t kVencQueueMaxBytes = 64 << 20;
+inline constexpr int32_t kVencQueueMaxAgeIntervals = 2;
 inline constexpr int32_t kBitsPerPixel12 = 12;
 inline constexpr int32_t kBitsPerPixel16 = 16;
 inline constexpr int32_t kBitsPerPixel24 = 24;

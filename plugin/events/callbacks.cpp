@@ -5,6 +5,7 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "common/memory.h"
 #include "common/mutex.h"
 #include "events/events.h"
@@ -22,7 +23,7 @@ enum class CallbackSlot { kCmd, kGetCmd };
 
 int32_t StoreCallback(const KxServiceIdDesc *index, KxCmdCallback callback, void *userData, CallbackSlot slot)
 {
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera module is not init, please init first");
         return kx::kErrNotInited;
     }
@@ -36,13 +37,13 @@ int32_t StoreCallback(const KxServiceIdDesc *index, KxCmdCallback callback, void
         LOGE("do get camera ability failed");
         return kx::kErrInvalid;
     }
+    // The user data is shared by both entries: the later call wins.
     if (slot == CallbackSlot::kCmd) {
-        service->cmdCb = callback;
+        kx::PublishCmdCallback(service, callback, userData);
     } else {
         service->getCmdCb = callback;
+        kx::PublishCmdCallback(service, service->cmdCb, userData);
     }
-    // Shared by both entries: the later call wins.
-    service->cmdCbUserData = userData;
     return 0;
 }
 

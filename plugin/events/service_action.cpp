@@ -6,6 +6,7 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "common/memory.h"
 #include "common/mutex.h"
 #include "events/events.h"
@@ -84,7 +85,7 @@ int32_t CameraUpdateServiceAction(const char *id, uint32_t idLen, const KxServic
         LOGE("camera action value bad len=%d", action->valueLen);
         return kx::kErrInvalid;
     }
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera is not init or destroyed");
         return kx::kErrNotReady;
     }
@@ -118,7 +119,7 @@ bool CheckServiceStatusReportValid(uint32_t status, uint32_t *notifyEvent)
         LOGE("invalid status.");
         return false;
     }
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera is not init or destroyed");
         return false;
     }
@@ -164,7 +165,7 @@ int32_t CameraModuleEventsHandler(uint32_t what, void *message)
             CameraModuleEventsMsgFree(what, event);
             return 0;
         }
-        if (g_cameraModule.inited != 0) {
+        if (kx::ModuleInited()) {
             if (what == kEventCameraState) {
                 (void)ReportLocalCameraNotify(event->data, event->len, event->notifyEvent);
                 CameraModuleEventsNotify(event);

@@ -4,6 +4,7 @@
 
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "common/mutex.h"
 
 extern "C" {
@@ -34,6 +35,9 @@ const uint8_t KX_CAMREA_VRESION_MAJOR = kx::kVersionMajor;
 const uint8_t KX_CAMREA_VRESION_SUB = kx::kVersionSub;
 const uint8_t KX_CAMREA_VRESION_PATCH = kx::kVersionPatch;
 const uint8_t KX_CAMREA_VRESION_BETA = kx::kVersionBeta;
+const int32_t VENC_QUEUE_MAX_FRAMES = kx::kVencQueueMaxFrames;
+const int32_t VENC_QUEUE_MAX_BYTES = kx::kVencQueueMaxBytes;
+const int32_t VENC_QUEUE_MAX_AGE_INTERVALS = kx::kVencQueueMaxAgeIntervals;
 
 } // extern "C"
 
@@ -79,7 +83,7 @@ int32_t TALVOCameraGetCommand(const KxServiceIdDesc *, KxCommand *)
 
 int32_t TALVOCameraSetGlbCmdCb(void *, KxGlbCmdCallback callback)
 {
-    if (g_cameraModule.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGE("camera module is not init, please init first");
         return kx::kErrNotReady;
     }

@@ -3,6 +3,7 @@
 // vendor's reports routed to the module event queue.
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "events/events.h"
 #include "frame/frame.h"
 #include "registry/registry.h"
@@ -42,7 +43,7 @@ int32_t TALVOCameraLoadService(const KxServiceCallbacks *callbacks)
         LOGE("camera kx service callback AddService or DeleteService is invalid");
         return kx::kErrMissing;
     }
-    if (module.inited != 0) {
+    if (kx::ModuleInited()) {
         LOGE("camera module is init, just return");
         return 0;
     }
@@ -75,6 +76,6 @@ int32_t TALVOCameraLoadService(const KxServiceCallbacks *callbacks)
     module.serviceCb = *callbacks;
     (void)GetCameraService();
     CameraGlbRegisterListener();
-    module.inited = 1;
+    kx::SetModuleInited(true);
     return 0;
 }

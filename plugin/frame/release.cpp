@@ -2,50 +2,38 @@
 // Service release: every camera closed and freed, the event queue and both
 // vendor libraries gone, the module back to not initialised.
 #include "command/command.h"
+#include "common/list.h"
 #include "common/log.h"
+#include "common/module.h"
+#include "video/lane.h"
+#include "video/video.h"
 
 namespace {
-
-// Walks the registry from its first node, reading each successor before the
-// visit, which may free the node.
-template <typename Visit>
-void ForEachCamera(TALVODllHead &list, Visit visit)
-{
-    auto *head = reinterpret_cast<TALVODllNode *>(&list);
-    if (list.count == 0 || list.first == nullptr) {
-        return;
-    }
-    for (TALVODllNode *node = list.first; node != nullptr;) {
-        TALVODllNode *next = node->next == head ? nullptr : node->next;
-        visit(node);
-        node = next;
-    }
-}
 
 // Every camera is closed before the first record is freed: a camera still
 // open delivers frames whose lookup walks the whole registry.
 void CloseAndFreeCameras(TALVODllHead &list)
 {
-    ForEachCamera(list, [](TALVODllNode *node) {
+    kx::ListForEach(list, [](TALVODllNode *node) {
         auto *service = static_cast<KxCameraService *>(node->data);
         KxCommand close{};
         close.code = KX_CMD_CLOSE;
         const int32_t ret = DoCloseCameraCmd(service, &close);
         LOGI("close camera id %s success, ret %d", service->anonyServiceId, ret);
         // A close the vendor refused left the encoder thread running on a
-        // record that is about to be freed.
-        if (kx::HasVideoEncoder(service)) {
-            kx::TearDownVideoEncoder(service);
-        }
+        // record that is about to be freed; a lane retired from a callback
+        // still has a thread to join.
+        kx::LaneTearDown(service);
     });
-    ForEachCamera(list, [](TALVODllNode *node) {
+    // A vendor that would not close may still deliver: no frame may be
+    // reading a record when it is freed.
+    kx::ShutIntake();
+    kx::ListForEach(list, [](TALVODllNode *node) {
         TalvoFree(node->data);
         TalvoFree(node);
     });
-    auto *head = reinterpret_cast<TALVODllNode *>(&list);
-    list.first = head;
-    list.last = head;
-    list.count = 0;
+    kx::ListReset(list);
+    kx::OpenIntake();
 }
 
 void CloseLibrary(void *&handle)
@@ -61,7 +49,7 @@ void CloseLibrary(void *&handle)
 int32_t TALVOCameraReleaseService(void)
 {
     KxCameraModule &module = g_cameraModule;
-    if (module.inited == 0) {
+    if (!kx::ModuleInited()) {
         LOGI("camera service is not init, release service just return");
         return 0;
     }
@@ -76,7 +64,7 @@ int32_t TALVOCameraReleaseService(void)
     CloseAndFreeCameras(module.serviceList);
     CloseLibrary(module.cameraLibHandle);
     CloseLibrary(module.vencLibHandle);
-    module.inited = 0;
+    kx::SetModuleInited(false);
     LOGI("TALVOCameraReleaseService end");
     return 0;
 }

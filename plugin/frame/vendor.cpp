@@ -2,6 +2,7 @@
 // Loading of the two vendor libraries into the module state.
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/module.h"
 #include "frame/frame.h"
 
 namespace {
@@ -89,6 +90,6 @@ int32_t CameraVEncInit(void)
         module.vencAbilityNum = KX_VENC_ABILITY_CAPACITY;
     }
     LOGD("get vendor video encoder ability count %d", module.vencAbilityNum);
-    module.inited = 1;
+    kx::SetModuleInited(true);
     return 0;
 }

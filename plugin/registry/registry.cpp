@@ -4,6 +4,7 @@
 #include "registry/registry.h"
 
 #include "common/limits.h"
+#include "common/list.h"
 #include "common/log.h"
 #include "common/memory.h"
 #include "talvo/securec.h"
@@ -13,12 +14,6 @@ namespace {
 constexpr char kServiceIdPrefix[] = "Camera_";
 // The kind ReleaseCameraCapability is told; its meaning is the vendor's.
 constexpr uint32_t kReleaseCapabilityKind = 1;
-
-// The head's first words overlay a node, which closes the circle.
-TALVODllNode *HeadNode(TALVODllHead &head)
-{
-    return reinterpret_cast<TALVODllNode *>(&head);
-}
 
 // Owns a new record and its list node until the node is linked into the
 // registry; whatever is not handed over is freed on every way out.
@@ -215,9 +210,7 @@ KxCameraService *AddServiceToCameraList(const KxCameraCapability *capability)
         return nullptr;
     }
     TALVODllHead &list = g_cameraModule.serviceList;
-    // A list never linked to itself (all zero) is empty: its last node is the head.
-    TALVODllNode *last = list.last != nullptr ? list.last : HeadNode(list);
-    const int32_t ret = TALVODllInsertInMiddle(&list, last, pending.Node());
+    const int32_t ret = TALVODllInsertInMiddle(&list, kx::ListTail(list), pending.Node());
     if (ret != 0) {
         LOGE("link camera service into the service list failed, error %d", ret);
         return nullptr;
@@ -233,9 +226,7 @@ int32_t GetCameraService(void)
         LOGE("camera handler for GetCameraCapability is NULL");
         return kx::kErrMissing;
     }
-    module.serviceList.first = HeadNode(module.serviceList);
-    module.serviceList.last = HeadNode(module.serviceList);
-    module.serviceList.count = 0;
+    kx::ListReset(module.serviceList);
 
     KxCameraCapability *items = nullptr;
     uint32_t num = 0;
@@ -267,29 +258,20 @@ KxCameraService *GetCameraHandlerById(const char *id, uint32_t)
         LOGE("get camera service by id, id is nullptr");
         return nullptr;
     }
-    TALVODllHead &list = g_cameraModule.serviceList;
-    if (list.count == 0) {
-        return nullptr;
-    }
-    for (TALVODllNode *node = list.first; node != nullptr && node != HeadNode(list); node = node->next) {
-        auto *record = static_cast<KxCameraService *>(node->data);
-        if (TALVOStrcmp(record->serviceId, id) == 0) {
-            return record;
-        }
-    }
-    return nullptr;
+    return kx::ListFind<KxCameraService>(g_cameraModule.serviceList, [id](const KxCameraService &record) {
+        return TALVOStrcmp(record.serviceId, id) == 0;
+    });
 }
 
 KxCameraService *GetCameraHandlerByVendorId(const char *vendorId, uint32_t)
 {
-    TALVODllHead &list = g_cameraModule.serviceList;
-    if (vendorId != nullptr && list.count != 0) {
-        for (TALVODllNode *node = list.first; node != nullptr && node != HeadNode(list); node = node->next) {
-            auto *record = static_cast<KxCameraService *>(node->data);
-            if (TALVOStrcmp(record->vendorId, vendorId) == 0) {
-                return record;
-            }
-        }
+    KxCameraService *found = vendorId == nullptr ? nullptr
+                             : kx::ListFind<KxCameraService>(g_cameraModule.serviceList,
+                                                             [vendorId](const KxCameraService &record) {
+                                                                 return TALVOStrcmp(record.vendorId, vendorId) == 0;
+                                                             });
+    if (found != nullptr) {
+        return found;
     }
     // Never the clear id in a log line.
     char anony[kServiceIdSize] = {};

@@ -20,6 +20,9 @@ struct KxNegParams {
     int32_t colorFmt;  // colour format of raw frames
 };
 
+// The state of one encoder thread; video/lane.cpp.
+struct KxLaneThread;
+
 // One camera service. Zeroed at creation, freed at service release; a pointer
 // from a lookup stays valid until then.
 struct KxCameraService {
@@ -47,11 +50,59 @@ struct KxCameraService {
     void *cmdCbUserData;
     KxWorkMode workMode;
     uint8_t isOpened;
-    // Beyond the fields above, kept for a safe teardown:
-    uint8_t vencThreadStarted; // the thread was created and not yet joined
-    uint8_t vencThreadLive;    // set before the thread is created, cleared by the thread as it leaves
-    uint32_t droppedFrames;    // raw frames released because no encoder thread ran
+    // Beyond the fields above. The encoder lane's own state; video/lane.h
+    // says what each means and is the only code that touches it.
+    uint32_t laneGate;
+    uint8_t laneLockLive;
+    KxLaneThread *laneThread;
+    KxLaneThread *laneStarting;
+    KxLaneThread *retiredLanes;
+    int32_t vencWidth;
+    int32_t vencHeight;
+    uint64_t laneQueueBytes;
+    KxCameraFrameCounters counters;
+    int64_t overloadLogUs;
+    int64_t sizeLogUs;
+    int64_t idleLogUs;
+    // Even while cmdCb and cmdCbUserData match; see PublishCmdCallback.
+    uint32_t cmdCbSeq;
 };
+
+namespace kx {
+
+// A camera's command callback and the user data that goes with it.
+struct CmdCallback {
+    KxCmdCallback callback;
+    void *userData;
+};
+
+// The pair is read on vendor and encoder threads without the module lock,
+// so it is published under a sequence count: a reader never pairs one
+// callback with another's user data. Writers hold the module lock.
+inline void PublishCmdCallback(KxCameraService *service, KxCmdCallback callback, void *userData)
+{
+    const uint32_t seq = __atomic_load_n(&service->cmdCbSeq, __ATOMIC_RELAXED);
+    __atomic_store_n(&service->cmdCbSeq, seq + 1, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    __atomic_store_n(&service->cmdCb, callback, __ATOMIC_RELAXED);
+    __atomic_store_n(&service->cmdCbUserData, userData, __ATOMIC_RELAXED);
+    __atomic_store_n(&service->cmdCbSeq, seq + 2, __ATOMIC_RELEASE);
+}
+
+inline CmdCallback ReadCmdCallback(const KxCameraService *service)
+{
+    while (true) {
+        const uint32_t before = __atomic_load_n(&service->cmdCbSeq, __ATOMIC_ACQUIRE);
+        CmdCallback pair{__atomic_load_n(&service->cmdCb, __ATOMIC_RELAXED),
+                         __atomic_load_n(&service->cmdCbUserData, __ATOMIC_RELAXED)};
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if ((before & 1u) == 0 && __atomic_load_n(&service->cmdCbSeq, __ATOMIC_RELAXED) == before) {
+            return pair;
+        }
+    }
+}
+
+} // namespace kx
 
 extern "C" {
 KXCAMERA_API int32_t GetCameraService(void);

@@ -151,6 +151,8 @@ int32_t CreateVideoEncoder(KxCameraService *service)
     if (ret < 0) {
         return ret;
     }
+    service->vencWidth = neg.width;
+    service->vencHeight = neg.height;
 
     const auto fps = static_cast<uint32_t>(neg.fps);
     const uint32_t bitRate = GetVideoBitrate(createParams.width, createParams.height, fps);

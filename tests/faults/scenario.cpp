@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "scenario.h"
 
+#include "video/lane.h"
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -143,7 +145,7 @@ bool PluginThreadsGone()
 
 bool ThreadStarted(const KxCameraService *service)
 {
-    return service != nullptr && __atomic_load_n(&service->vencThreadStarted, __ATOMIC_ACQUIRE) != 0;
+    return service != nullptr && __atomic_load_n(&service->laneGate, __ATOMIC_ACQUIRE) != 0;
 }
 
 // A mark posted behind the events already queued: once it has run, so have they.
@@ -238,8 +240,9 @@ int64_t Run::EncoderBuffers() const
 {
     int64_t buffers = 0;
     for (const KxCameraService *record : records_) {
-        if (record != nullptr) {
-            buffers += (record->encFrame.data != nullptr ? 1 : 0) + (record->convFrame.data != nullptr ? 1 : 0);
+        const KxLaneThread *lane = record != nullptr ? record->laneThread : nullptr;
+        if (lane != nullptr) {
+            buffers += (lane->encFrame.data != nullptr ? 1 : 0) + (lane->convFrame.data != nullptr ? 1 : 0) + 1;
         }
     }
     return buffers;

@@ -109,7 +109,7 @@ TEST_F(ConcurrencyTest, FramesCommandsAndReportsTogetherLoseAndLeakNothing)
     // want of a running thread, or released at a stop; the allocation count
     // below shows the last.
     const uint64_t processed = FakeEncoder()->CallsTo("VideoEncoderProcess").size();
-    const uint64_t dropped = Camera("0")->droppedFrames;
+    const uint64_t dropped = Camera("0")->counters.droppedError;
     EXPECT_EQ(traffic.refusedFrames.load(), 0u) << "last refused with " << traffic.lastRefusal.load();
     EXPECT_GE(processed, encodes ? static_cast<uint64_t>(kRounds) : 0u);
     EXPECT_EQ(UnitSink::Get().Count(KX_MSG_BITSTREAM), processed);

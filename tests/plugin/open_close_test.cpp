@@ -133,7 +133,7 @@ TEST_F(OpenCloseTest, CloseOfRawFrameCameraStopsTheThreadBeforeDestroyingTheEnco
     ASSERT_EQ(SetParams("0", OpenParams(64, 48, 2, 0)), 0) << DumpLogs();
     ASSERT_EQ(Send("0", KX_CMD_OPEN), 0);
     ASSERT_EQ(FakeEncoder()->LiveInstances(), 1u);
-    ASSERT_NE(Camera("0")->vencThreadStarted, 0);
+    ASSERT_NE(Camera("0")->laneGate, 0);
 
     // A vendor that will not close keeps its camera streaming: nothing goes.
     CallbackLog::Get().Clear();
@@ -141,14 +141,14 @@ TEST_F(OpenCloseTest, CloseOfRawFrameCameraStopsTheThreadBeforeDestroyingTheEnco
     EXPECT_EQ(Send("0", KX_CMD_CLOSE), -7);
     EXPECT_EQ(Camera("0")->isOpened, 1);
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 1u);
-    EXPECT_NE(Camera("0")->vencThreadStarted, 0);
+    EXPECT_NE(Camera("0")->laneGate, 0);
     EXPECT_TRUE(Reports("0").empty());
 
     FakeCamera()->status.closeCamera = 0;
     TalvoTestLogClear();
     ASSERT_EQ(Send("0", KX_CMD_CLOSE), 0);
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 0u);
-    EXPECT_EQ(Camera("0")->vencThreadStarted, 0);
+    EXPECT_EQ(Camera("0")->laneGate, 0);
     EXPECT_EQ(Camera("0")->vencHandle, nullptr);
     EXPECT_EQ(FormatsAmong({kBeginJoin, kEndJoin, kDestroyed}), (Texts{kBeginJoin, kEndJoin, kDestroyed}))
         << DumpLogs();

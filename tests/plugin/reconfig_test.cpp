@@ -119,7 +119,7 @@ TEST_F(ReconfigTest, EncodedStreamCreatesNoEncoder)
 {
     ASSERT_EQ(SetParams("0", OpenParams(1920, 1080, 0, 2)), 0);
     EXPECT_EQ(Calls("VideoEncoderCreate"), 0u);
-    EXPECT_EQ(Camera("0")->vencThreadStarted, 0);
+    EXPECT_EQ(Camera("0")->laneGate, 0);
     EXPECT_EQ(LogsWithFormat(kParamsInfo).size(), 1u);
 }
 
@@ -157,7 +157,7 @@ TEST_F(ReconfigTest, OpenMessageForEncodedStreamRetiresTheRawPair)
     ASSERT_EQ(FakeEncoder()->LiveInstances(), 1u);
     ASSERT_EQ(SetParams("0", OpenParams(64, 48, 0, 1)), 0);
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 0u);
-    EXPECT_EQ(Camera("0")->vencThreadStarted, 0);
+    EXPECT_EQ(Camera("0")->laneGate, 0);
 }
 
 TEST_F(ReconfigTest, EncoderLeftByAFailedThreadStartIsReplacedNotDoubled)
@@ -165,11 +165,11 @@ TEST_F(ReconfigTest, EncoderLeftByAFailedThreadStartIsReplacedNotDoubled)
     TalvoTestFailNth(TALVO_FN_THREAD_CREATE, 1);
     EXPECT_EQ(SetParams("0", OpenParams(64, 48, 2, 0)), -99);
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 1u);
-    EXPECT_EQ(Camera("0")->vencThreadStarted, 0);
+    EXPECT_EQ(Camera("0")->laneGate, 0);
     ASSERT_EQ(SetParams("0", FpsParams(20)), 0) << DumpLogs();
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 1u);
     EXPECT_EQ(FakeEncoder()->created, 2u);
-    EXPECT_NE(Camera("0")->vencThreadStarted, 0);
+    EXPECT_NE(Camera("0")->laneGate, 0);
 }
 
 enum class KeyFrameFault { kNone, kNoBusinessControl, kNotInited };

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "video_support.h"
 
+#include "video/lane.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -61,7 +63,7 @@ void VideoTest::SetUp()
 void VideoTest::TearDown()
 {
     // Whatever a test armed and did not stop is taken down here.
-    if (camera_ != nullptr && camera_->vencThreadStarted != 0) {
+    if (camera_ != nullptr && camera_->laneGate != 0) {
         camera_->vencRunning = 0;
         EXPECT_EQ(StopVideoEncoderThread(camera_), 0);
     }
@@ -73,12 +75,18 @@ void VideoTest::ArmQueue(bool withThread)
     ASSERT_EQ(TALVOMutexInit(&camera_->vencLock), 0);
     auto *head = reinterpret_cast<TALVODllNode *>(&camera_->vencQueue);
     camera_->vencQueue = TALVODllHead{head, head, nullptr, 0};
+    camera_->laneLockLive = 1;
     if (withThread) {
+        auto *lane = static_cast<KxLaneThread *>(TalvoMalloc(2, sizeof(KxLaneThread)));
+        *lane = KxLaneThread{};
+        lane->service = camera_;
         const TALVOThreadParam param{2, nullptr, "trivial"};
-        ASSERT_EQ(TALVOThreadFw(&camera_->vencThread, [](void *) -> void * { return nullptr; }, &param), 0);
+        ASSERT_EQ(TALVOThreadFw(&lane->thread, [](void *) -> void * { return nullptr; }, &param), 0);
+        camera_->vencThread = lane->thread;
+        camera_->laneThread = lane;
     }
     camera_->vencRunning = 1;
-    camera_->vencThreadStarted = 1;
+    camera_->laneGate = 1;
 }
 
 int32_t VideoTest::Push(const std::vector<uint8_t> &bytes, const char *vendorId)

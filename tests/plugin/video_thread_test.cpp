@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The encoder thread: start and stop, frames through the fake encoder to the
 // framework, and posting bitstream units.
+#include "video/lane.h"
 #include "video/video.h"
 
 #include <cstdio>
@@ -40,7 +41,7 @@ TEST_F(VideoThreadTest, StopIsHarmlessWhenNothingRunsAndIdempotent)
     EXPECT_TRUE(HasLog(1, "create audio decode thread failed, error code -99"));
     EXPECT_EQ(camera_->vencRunning, 0);
     PushFrames(1);
-    EXPECT_EQ(camera_->droppedFrames, 1u) << "no queue without a thread";
+    EXPECT_EQ(camera_->counters.droppedError, 1u) << "no queue without a thread";
     EXPECT_EQ(StopVideoEncoderThread(camera_), 0); // after a failed start
     EXPECT_EQ(TalvoTestCallCount(TALVO_FN_THREAD_JOIN), 0u);
     EXPECT_EQ(TalvoTestCallCount(TALVO_FN_MUTEX_DESTROY), 1u) << "only the failed start's own lock";
@@ -68,12 +69,12 @@ TEST_P(VideoStopTest, QueuedFramesAndBuffersReleased)
     ArmQueue(true);
     PushFrames(3);
     ASSERT_EQ(camera_->vencQueue.count, 3u);
-    camera_->encFrame.data = static_cast<uint8_t *>(TalvoMalloc(2, 8));
-    camera_->convFrame.data = static_cast<uint8_t *>(TalvoMalloc(2, 8));
+    camera_->laneThread->encFrame.data = static_cast<uint8_t *>(TalvoMalloc(2, 8));
+    camera_->laneThread->convFrame.data = static_cast<uint8_t *>(TalvoMalloc(2, 8));
     const int64_t before = TalvoTestOutstandingAllocs();
     TalvoTestFailNth(GetParam().failing, GetParam().failing == TALVO_FN_COUNT ? 0 : 1);
     EXPECT_EQ(StopVideoEncoderThread(camera_), 0);
-    EXPECT_EQ(TalvoTestOutstandingAllocs(), before - 3 * 3 - 2) << "nodes, units, data; both buffers";
+    EXPECT_EQ(TalvoTestOutstandingAllocs(), before - 3 * 3 - 3) << "nodes, units, data; both buffers and the lane";
     EXPECT_EQ(TalvoTestCallCount(TALVO_FN_MUTEX_DESTROY), 1u);
     EXPECT_EQ(TextsAtLevel(1), *GetParam().error ? std::vector<std::string>{GetParam().error}
                                                  : std::vector<std::string>{});
