@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <chrono>
 #include <thread>
 
 namespace {
@@ -117,10 +118,12 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     out.timeStamp = input->timeStamp;
     ++instance.frames;
     FakeEncoderOutputMode mode = Control().outputMode;
+    const auto delay = std::chrono::milliseconds(Control().processDelayMs);
     KxVencOutputCallback callback = instance.params.outputCallback;
     void *privateData = instance.params.privateData;
     Control().calls.push_back(call);
     lock.unlock();
+    std::this_thread::sleep_for(delay);
 
     // The plugin's callback may take its own locks: never call it with ours held.
     switch (mode) {

@@ -121,6 +121,7 @@ struct FakeEncoderScript {
     void *failedCreateHandle = nullptr;
     uint32_t inputCopyBytes = 64;
     FakeEncoderOutputMode outputMode = kFakeOutputReturn;
+    uint32_t processDelayMs = 0; // a slow encoder: every Process takes at least this long
     // Handed over instead of the generated bitstream; the test owns bsBuf.
     struct {
         bool enabled = false;
