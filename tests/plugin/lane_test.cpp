@@ -206,6 +206,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, LaneCallbackTest,
 
 TEST_F(LaneTest, ReleaseFreesNoRecordAFrameMayStillRead)
 {
+    ASSERT_EQ(SetParams("1", OpenParams(kWidth, kHeight, 2, 1)), 0);
     ASSERT_EQ(Send("1", KX_CMD_OPEN), 0);
     FakeCamera()->status.closeCamera = -7; // the vendor keeps delivering
     std::atomic<bool> stop{false};
@@ -250,6 +251,7 @@ TEST_F(LaneTest, CallbackAndUserDataArriveAsThePairThatWasSet)
         [](const KxServiceIdDesc *i, const KxCommand *m, void *u) -> int32_t { return kCheck(i, m, u, &tags[0]), 0; },
         [](const KxServiceIdDesc *i, const KxCommand *m, void *u) -> int32_t { return kCheck(i, m, u, &tags[1]), 0; },
     };
+    ASSERT_EQ(SetParams("1", OpenParams(kWidth, kHeight, 2, 1)), 0);
     ASSERT_EQ(Send("1", KX_CMD_OPEN), 0);
     std::atomic<bool> stop{false};
     std::thread vendor([&] {
