@@ -88,6 +88,12 @@ foreach(component IN LISTS components)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${KXCAMERA_DEB_${component}})
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${CMAKE_BINARY_DIR}/changelog.Debian.gz
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${KXCAMERA_DEB_${component}} COMPONENT ${component})
+  set(overrides ${CMAKE_CURRENT_LIST_DIR}/debian/${KXCAMERA_DEB_${component}}.lintian-overrides)
+  if(NOT EXISTS ${overrides})
+    set(overrides ${CMAKE_CURRENT_LIST_DIR}/debian/lintian-overrides)
+  endif()
+  install(FILES ${overrides} RENAME ${KXCAMERA_DEB_${component}}
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides COMPONENT ${component})
 endforeach()
 
 include(${CMAKE_CURRENT_LIST_DIR}/debian/cpack.cmake)
