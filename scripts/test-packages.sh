@@ -8,7 +8,7 @@
 # "sh scripts/test-packages.sh build" stops after building the packages.
 set -eu
 cd "$(dirname "$0")/.."
-sh scripts/install-deps.sh dpkg-dev fakeroot lintian debootstrap
+sh scripts/install-deps.sh dpkg-dev file help2man lintian debootstrap
 top=$(pwd)
 out=$top/build/package
 
@@ -47,23 +47,30 @@ fi
 mounted=""
 cleanup() {
   for m in $mounted; do umount "$m" 2>/dev/null || umount -l "$m"; done
-  rm -rf "$root"
+  # Never follow a mount that is still there into the host's /dev or /proc.
+  for m in $mounted; do
+    if mountpoint -q "$m"; then
+      echo "test-packages: $m still mounted; leaving $root in place" >&2
+      return
+    fi
+  done
+  rm -rf --one-file-system "$root"
 }
 trap cleanup EXIT
-rm -rf "$root"
+trap 'exit 1' INT TERM
+rm -rf --one-file-system "$root"
+[ ! -e "$root" ] || { echo "test-packages: $root is still in use" >&2; exit 1; }
 cp -a "$pristine" "$root"
 mkdir -p "$cache" "$root/debs"
 cp $debs "$root/debs/"
-for fs in proc sys dev; do
-  mount --bind "/$fs" "$root/$fs"
+for fs in proc sys dev dev/pts var/cache/apt/archives; do
+  case $fs in var/*) from=$cache ;; *) from=/$fs ;; esac
+  mount --bind "$from" "$root/$fs"
   mounted="$root/$fs $mounted"
 done
-mount --bind "$cache" "$root/var/cache/apt/archives"
-mounted="$root/var/cache/apt/archives $mounted"
 
 in_root() { chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@"; }
 in_root apt-get update -qq
-# shellcheck disable=SC2046
 in_root sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends /debs/*.deb' \
   > "$out/chroot-install.log"
 in_root kxprobe
