@@ -8,7 +8,7 @@
 # "sh scripts/test-packages.sh build" stops after building the packages.
 set -eu
 cd "$(dirname "$0")/.."
-sh scripts/install-deps.sh dpkg-dev file help2man lintian debootstrap
+sh scripts/install-deps.sh dpkg-dev file lintian debootstrap
 top=$(pwd)
 out=$top/build/package
 
