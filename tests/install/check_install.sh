@@ -1,20 +1,20 @@
 #!/bin/sh
 # SPDX-License-Identifier: Apache-2.0
-# Usage: check_install.sh BUILD_DIR SOURCE_DIR
-# Installs into a temporary prefix and uses nothing but what it installed:
-# camhost and kxprobe run from there, and a C host that loads the plugin is
-# built once through find_package and once through pkg-config, linking only
-# what the package names.
+# Usage: check_install.sh BUILD_DIR SOURCE_DIR [PREFIX]
+# Installs into a temporary prefix (or takes PREFIX, where the packages were
+# unpacked) and uses nothing but what is there: camhost and kxprobe run from
+# it, and a C host that loads the plugin is built once through find_package
+# and once through pkg-config, linking only what the package names.
 set -eu
 build=$1
 src=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
-prefix=$tmp/prefix
+prefix=${3:-$tmp/prefix}
 fail() { echo "FAIL: $*" >&2; exit 1; }
 clean() { env -u LD_LIBRARY_PATH -u TALVO_VENDOR_PATH "$@"; }
 
-cmake --install "$build" --prefix "$prefix" > "$tmp/install.log"
+[ $# -gt 2 ] || cmake --install "$build" --prefix "$prefix" > "$tmp/install.log"
 [ -z "$(find "$prefix" -name testing.h)" ] || fail "the test controls were installed"
 [ -f "$prefix/include/talvo/securec.h" ] && [ ! -e "$prefix/include/securec.h" ] || fail "securec.h not under talvo/"
 
