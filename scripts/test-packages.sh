@@ -43,6 +43,7 @@ pristine=$top/build/bookworm-root
 cache=$top/build/bookworm-apt
 if [ ! -x "$pristine/bin/sh" ]; then
   # The mirror this machine already uses; no registry is named here.
+  # shellcheck disable=SC2016 # apt's own format field, not the shell's
   mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Codename: bookworm' | head -n1)
   [ -n "$mirror" ] || { echo "test-packages: no bookworm mirror in this machine's apt sources" >&2; exit 1; }
   rm -rf "$pristine.tmp"
@@ -69,6 +70,7 @@ rm -rf --one-file-system "$root"
 [ ! -e "$root" ] || { echo "test-packages: $root is still in use" >&2; exit 1; }
 cp -a "$pristine" "$root"
 mkdir -p "$cache" "$root/debs"
+# shellcheck disable=SC2086 # one word per package file
 cp $debs "$root/debs/"
 for fs in proc sys dev dev/pts var/cache/apt/archives; do
   case $fs in var/*) from=$cache ;; *) from=/$fs ;; esac

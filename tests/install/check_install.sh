@@ -16,7 +16,8 @@ clean() { env -u LD_LIBRARY_PATH -u TALVO_VENDOR_PATH "$@"; }
 
 [ $# -gt 2 ] || cmake --install "$build" --prefix "$prefix" > "$tmp/install.log"
 [ -z "$(find "$prefix" -name testing.h)" ] || fail "the test controls were installed"
-[ -f "$prefix/include/talvo/securec.h" ] && [ ! -e "$prefix/include/securec.h" ] || fail "securec.h not under talvo/"
+[ -f "$prefix/include/talvo/securec.h" ] || fail "securec.h not under talvo/"
+[ ! -e "$prefix/include/securec.h" ] || fail "securec.h at the top of the include tree"
 
 out=$(clean "$prefix/bin/kxprobe" 2>&1) || fail "installed kxprobe: $out"
 case $out in *"version 1.0.0.0"*) ;; *) fail "installed kxprobe said: $out" ;; esac
