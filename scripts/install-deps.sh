@@ -11,6 +11,8 @@ libx264-dev libx265-dev"
 # camhost: option parsing, decoding for snapshots, PNG output.
 # ffmpeg: ffprobe judges the end-to-end streams.
 PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
+# camhost's manual page is made from its --help.
+PACKAGES="$PACKAGES help2man"
 # The benchmarks build with the default configuration.
 PACKAGES="$PACKAGES libbenchmark-dev"
 PACKAGES="$PACKAGES $*"

@@ -5,12 +5,25 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <filesystem>
+#include <string>
 
 #include "kxcamera/plugin.h"
 
+// Installed, the plugin lies under the executable's prefix; otherwise it is
+// where the build put it.
+std::string DefaultPlugin()
+{
+    std::error_code error;
+    const auto installed = std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / KXPROBE_INSTALLED_PLUGIN;
+    return !error && std::filesystem::exists(installed, error) ? installed.lexically_normal().string()
+                                                               : KXPROBE_DEFAULT_PLUGIN;
+}
+
 int main(int argc, char **argv)
 {
-    const char *path = argc > 1 ? argv[1] : KXPROBE_DEFAULT_PLUGIN;
+    const std::string pluginPath = argc > 1 ? argv[1] : DefaultPlugin();
+    const char *path = pluginPath.c_str();
     void *plugin = dlopen(path, RTLD_NOW | RTLD_LOCAL);
     if (plugin == nullptr) {
         std::fprintf(stderr, "kxprobe: cannot load %s: %s\n", path, dlerror());
