@@ -47,7 +47,7 @@ int32_t TALVOCameraSetCommand(const KxServiceIdDesc *index, KxCommand *command)
 {
     if (index == nullptr || command == nullptr) {
         LOGE("camera set cmd params is null");
-        return kx::kErrNotInited;
+        return kx::kErrNoArgument;
     }
     if (!kx::ModuleInited()) {
         LOGE("camera module is not init, please init first");
@@ -58,15 +58,10 @@ int32_t TALVOCameraSetCommand(const KxServiceIdDesc *index, KxCommand *command)
         return ret;
     }
 
-    kx::MutexGuard guard(&g_cameraModule.lock);
-    if (!guard.Locked()) {
-        LOGE("lock camera module failed ,error code %d", guard.Status());
-        return guard.Status();
-    }
-    KxCameraService *service = GetCameraHandlerById(index->id, index->idLen);
+    const kx::LockedCamera camera(index, __func__);
+    KxCameraService *service = camera.Get();
     if (service == nullptr) {
-        LOGE("do get camera ability failed");
-        return kx::kErrInvalid;
+        return camera.Status();
     }
     LOGD("do camera service id %s operation cmd %d", service->anonyServiceId, command->code);
     return DispatchCommand(service, command);
@@ -100,8 +95,7 @@ int32_t DoGetCameraAbilityCmd(KxCameraService *service, KxCommand *command)
 int32_t DoCameraGetWorkModeOpt(KxCameraService *service, KxCommand *command)
 {
     KxWorkMode &mode = service->workMode;
-    // Compared signed, as the framework's own field is.
-    mode.isSupportVenc = static_cast<int32_t>(g_cameraModule.vencAbilityNum) > 0 ? 1 : 0;
+    mode.isSupportVenc = kx::ModuleHasVideoEncoder() ? 1 : 0;
     mode.isRtp = 1;
     mode.isNeedTimeSyn = 1;
     mode.cryptoInfo.version = static_cast<uint32_t>(kx::kCryptoVersion);

@@ -13,8 +13,6 @@ constexpr uint32_t kAttrValueSize = 50;
 constexpr int32_t kMaxCodecType = 2;
 constexpr int32_t kVideoCodecTypeCount = 3;
 
-constexpr int32_t kColorFmtNv21 = 2;
-constexpr int32_t kColorFmtRgb565 = 4;
 
 struct AttrBuffer {
     char text[kAttrValueSize] = {};
@@ -35,9 +33,9 @@ uint32_t MapDataFmt(const KxNegParams &neg)
         return KX_DATA_FMT_H265;
     }
     switch (neg.colorFmt) {
-        case kColorFmtNv21:
+        case kNegColorFmtNv21:
             return KX_DATA_FMT_NV21;
-        case kColorFmtRgb565:
+        case kNegColorFmtRgb565:
             return KX_DATA_FMT_RGB565;
         default:
             LOGW("unknown color format, set open camera fmt default value %d", KX_DATA_FMT_NV21);

@@ -101,7 +101,7 @@ int32_t UpdataCameraFps(KxCameraService *service, int32_t fps)
     const int written = sprintf_s(text, sizeof(text), "%d", fps);
     if (written <= 0) {
         LOGE("sprintf_s failed, error code %d", written);
-        return kx::kErrNotInited;
+        return kx::kErrTextFailed;
     }
     const int32_t ret = g_cameraModule.cameraHandler.UpdateConfig(service->vendorId, service->vendorIdLen,
                                                                   kConfigItemFps, text, TALVOStrlen(text));

@@ -47,13 +47,16 @@ void Log(int32_t level, const char *tag, const char *func, const char *fmt, Args
 
 } // namespace kx
 
-#define KX_LOG(level, tag, fmt, ...)                                              \
+// A message logged on behalf of `func`, for helpers that speak for their caller.
+#define KX_LOG_AS(func, level, tag, fmt, ...)                                     \
     do {                                                                          \
         if (false) {                                                              \
             ::kx::CheckFormat(fmt __VA_OPT__(, ) __VA_ARGS__);                    \
         }                                                                         \
-        ::kx::Log(level, tag, __func__, fmt __VA_OPT__(, ) __VA_ARGS__);          \
+        ::kx::Log(level, tag, func, fmt __VA_OPT__(, ) __VA_ARGS__);              \
     } while (0)
+
+#define KX_LOG(level, tag, fmt, ...) KX_LOG_AS(__func__, level, tag, fmt __VA_OPT__(, ) __VA_ARGS__)
 
 #define LOGE(fmt, ...) KX_LOG(::kx::kLogError, ::kx::kTag, fmt __VA_OPT__(, ) __VA_ARGS__)
 #define LOGW(fmt, ...) KX_LOG(::kx::kLogWarning, ::kx::kTag, fmt __VA_OPT__(, ) __VA_ARGS__)

@@ -13,10 +13,6 @@
 
 namespace {
 
-constexpr char kServiceIdPrefix[] = "Camera_";
-// A local notification forms the service id in this room: vendor ids up to
-// 56 characters fit.
-constexpr uint32_t kRealIdRoom = 64;
 
 // Which of the record's callbacks an entry point replaces.
 enum class CallbackSlot { kCmd, kGetCmd };
@@ -27,15 +23,10 @@ int32_t StoreCallback(const KxServiceIdDesc *index, KxCmdCallback callback, void
         LOGE("camera module is not init, please init first");
         return kx::kErrNotInited;
     }
-    kx::MutexGuard guard(&g_cameraModule.lock);
-    if (!guard.Locked()) {
-        LOGE("lock camera module failed ,error code %d", guard.Status());
-        return guard.Status();
-    }
-    KxCameraService *service = GetCameraHandlerById(index->id, index->idLen);
+    const kx::LockedCamera camera(index, __func__);
+    KxCameraService *service = camera.Get();
     if (service == nullptr) {
-        LOGE("do get camera ability failed");
-        return kx::kErrInvalid;
+        return camera.Status();
     }
     // The user data is shared by both entries: the later call wins.
     if (slot == CallbackSlot::kCmd) {
@@ -58,7 +49,7 @@ KxServiceIdDesc IdentityOf(const KxCameraService *service)
 int32_t TALVOCameraSetCmdCb(const KxServiceIdDesc *index, KxCmdCallback callback, void *userData)
 {
     if (index == nullptr) {
-        return kx::kErrNotInited;
+        return kx::kErrNoArgument;
     }
     int32_t ret = StoreCallback(index, callback, userData, CallbackSlot::kCmd);
     if (ret == 0) {
@@ -71,7 +62,7 @@ int32_t TALVOCameraGetCmdCb(const KxServiceIdDesc *index, KxCmdCallback callback
 {
     if (index == nullptr) {
         LOGE("camera get cmd cb params is null");
-        return kx::kErrNotInited;
+        return kx::kErrNoArgument;
     }
     int32_t ret = StoreCallback(index, callback, userData, CallbackSlot::kGetCmd);
     if (ret == 0) {
@@ -102,7 +93,7 @@ int32_t ReportLocalCameraNotify(const char *id, uint32_t idLen, uint32_t state)
         return kx::kErrBadCamera;
     }
     char serviceId[kRealIdRoom + 1] = {};
-    if (sprintf_s(serviceId, kRealIdRoom, "%s%s", kServiceIdPrefix, id) <= 0) {
+    if (kx::FormatServiceId(serviceId, kRealIdRoom, id) <= 0) {
         LOGE("create camera real id failed");
         return kx::kErrNotReady;
     }

@@ -9,9 +9,6 @@
 
 namespace {
 
-constexpr char kServiceIdPrefix[] = "Camera_";
-// Room for the service id: vendor ids up to 56 characters fit.
-constexpr uint32_t kRealIdRoom = 64;
 // Packet bytes besides the service id: its length and the event.
 constexpr uint32_t kPacketFixedLen = 8;
 // The ability length written ahead of the ability text.
@@ -89,7 +86,7 @@ int32_t GetRealCameraIDFormEventMsg(const KxModuleEventMsg *message, char *servi
         LOGE("get camera real id invalid param");
         return kx::kErrBadCamera;
     }
-    if (message->data == nullptr || sprintf_s(serviceId, room, "%s%s", kServiceIdPrefix, message->data) <= 0) {
+    if (message->data == nullptr || kx::FormatServiceId(serviceId, room, message->data) <= 0) {
         LOGE("create camera real id failed");
         return kx::kErrNotReady;
     }

@@ -95,7 +95,7 @@ int32_t CameraUpdateServiceAction(const char *id, uint32_t idLen, const KxServic
     }
     KxModuleEventMsg *message = CameraEventsHandlerMsgInit(action->type, id, idLen);
     if (message == nullptr) {
-        return kx::kErrMissing;
+        return kx::kErrCannotCreate;
     }
     if (action->type != kServiceActionCameraState) {
         CameraModuleEventsMsgFree(action->type, message);
@@ -142,7 +142,7 @@ int32_t CameraUpdateServiceStatus(const char *id, uint32_t idLen, uint32_t statu
     }
     KxModuleEventMsg *message = CameraEventsHandlerMsgInit(kEventServiceStatus, id, idLen);
     if (message == nullptr) {
-        return kx::kErrMissing;
+        return kx::kErrCannotCreate;
     }
     message->notifyEvent = notifyEvent;
     PostEvent(kEventServiceStatus, message);

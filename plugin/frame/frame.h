@@ -13,3 +13,8 @@ KXCAMERA_API int32_t CameraVEncInit(void);
 // Hands the plugin's service listener to the vendor camera handler.
 KXCAMERA_API void CameraGlbRegisterListener(void);
 }
+
+namespace kx {
+// Unloads a vendor library and forgets its handle; harmless without one.
+void CloseLibrary(void *&handle);
+} // namespace kx

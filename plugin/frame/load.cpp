@@ -58,7 +58,7 @@ int32_t TALVOCameraLoadService(const KxServiceCallbacks *callbacks)
     module.eventsHandle = TALVOEventsCreate(kEventsName, kEventsThreads, kEventsFlags, kEventsCapacity);
     if (module.eventsHandle == nullptr) {
         (void)TALVOMutexDestroy(&module.lock);
-        return kx::kErrMissing;
+        return kx::kErrCannotCreate;
     }
     ret = CameraInit();
     if (ret != 0) {

@@ -5,6 +5,7 @@
 #include "common/list.h"
 #include "common/log.h"
 #include "common/module.h"
+#include "frame/frame.h"
 #include "video/lane.h"
 #include "video/video.h"
 
@@ -36,14 +37,6 @@ void CloseAndFreeCameras(TALVODllHead &list)
     kx::OpenIntake();
 }
 
-void CloseLibrary(void *&handle)
-{
-    if (handle != nullptr) {
-        (void)TALVODlClose(handle);
-        handle = nullptr;
-    }
-}
-
 } // namespace
 
 int32_t TALVOCameraReleaseService(void)
@@ -62,8 +55,8 @@ int32_t TALVOCameraReleaseService(void)
         module.eventsHandle = nullptr;
     }
     CloseAndFreeCameras(module.serviceList);
-    CloseLibrary(module.cameraLibHandle);
-    CloseLibrary(module.vencLibHandle);
+    kx::CloseLibrary(module.cameraLibHandle);
+    kx::CloseLibrary(module.vencLibHandle);
     kx::SetModuleInited(false);
     LOGI("TALVOCameraReleaseService end");
     return 0;

@@ -9,14 +9,6 @@ namespace {
 
 constexpr int32_t kDlOpenMode = 1;
 
-void CloseLibrary(void *&handle)
-{
-    if (handle != nullptr) {
-        (void)TALVODlClose(handle);
-        handle = nullptr;
-    }
-}
-
 // Slot 5 is never called, so a library may leave it empty.
 bool CameraHandlerComplete(const KxCameraHandler &handler)
 {
@@ -35,6 +27,14 @@ bool EncoderHandlerComplete(const KxVideoEncoderHandler &handler)
 
 } // namespace
 
+void kx::CloseLibrary(void *&handle)
+{
+    if (handle != nullptr) {
+        (void)TALVODlClose(handle);
+        handle = nullptr;
+    }
+}
+
 int32_t CameraInit(void)
 {
     KxCameraModule &module = g_cameraModule;
@@ -50,7 +50,7 @@ int32_t CameraInit(void)
     }
     // What the getter wrote stays: nothing calls it while the module is not initialised.
     LOGE("get CameraModuelApi failed, error code");
-    CloseLibrary(module.cameraLibHandle);
+    kx::CloseLibrary(module.cameraLibHandle);
     return kx::kErrMissing;
 }
 
@@ -68,12 +68,12 @@ int32_t CameraVEncInit(void)
         reinterpret_cast<KxGetVideoEncoderHandlerFn>(TALVODlSym(module.vencLibHandle, KX_VIDEO_ENCODER_GETTER));
     if (getter == nullptr) {
         LOGE("get AduioModuelApi failed, error code");
-        CloseLibrary(module.vencLibHandle);
+        kx::CloseLibrary(module.vencLibHandle);
         return 0;
     }
     if (getter(&module.vencHandler) != 0 || !EncoderHandlerComplete(module.vencHandler)) {
         LOGE("get TALVOGetVideoEncoderHandler failed, error code");
-        CloseLibrary(module.vencLibHandle);
+        kx::CloseLibrary(module.vencLibHandle);
         return kx::kErrEncoderRefused;
     }
     module.vencAbilityNum = 0;

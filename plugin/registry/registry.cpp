@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr char kServiceIdPrefix[] = "Camera_";
 // The kind ReleaseCameraCapability is told; its meaning is the vendor's.
 constexpr uint32_t kReleaseCapabilityKind = 1;
 
@@ -171,9 +170,9 @@ int32_t InitCameraServiceId(const char *vendorId, KxCameraService *service)
     int32_t ret = strcpy_s(service->vendorId, kServiceIdSize, vendorId);
     if (ret != 0) {
         LOGE("init camera service id copy failed, error %d", ret);
-        return kx::kErrNotInited;
+        return kx::kErrTextFailed;
     }
-    ret = sprintf_s(service->serviceId, kServiceIdSize, "%s%s", kServiceIdPrefix, vendorId);
+    ret = kx::FormatServiceId(service->serviceId, kServiceIdSize, vendorId);
     if (ret <= 0) {
         LOGE("init anony camera id string failed, error %d", ret);
         return kx::kErrUnsupported;
@@ -280,4 +279,18 @@ KxCameraService *GetCameraHandlerByVendorId(const char *vendorId, uint32_t)
     }
     LOGE("can not find camera vendor id %s in service list", anony);
     return nullptr;
+}
+
+kx::LockedCamera::LockedCamera(const KxServiceIdDesc *index, const char *caller) : guard_(&g_cameraModule.lock)
+{
+    if (!guard_.Locked()) {
+        status_ = guard_.Status();
+        KX_LOG_AS(caller, kLogError, kTag, "lock camera module failed ,error code %d", status_);
+        return;
+    }
+    service_ = GetCameraHandlerById(index->id, index->idLen);
+    if (service_ == nullptr) {
+        status_ = kErrInvalid;
+        KX_LOG_AS(caller, kLogError, kTag, "do get camera ability failed");
+    }
 }

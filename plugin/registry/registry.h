@@ -5,9 +5,17 @@
 
 #include <cstdint>
 
+#include "common/mutex.h"
 #include "kxcamera/plugin.h"
+#include "talvo/securec.h"
 
 inline constexpr uint32_t kServiceIdSize = 100;
+// A service id formed for a vendor report fits this room: vendor ids up to
+// 56 characters.
+inline constexpr uint32_t kRealIdRoom = 64;
+// Negotiated colour format codes of raw frames.
+inline constexpr int32_t kNegColorFmtNv21 = 2;
+inline constexpr int32_t kNegColorFmtRgb565 = 4;
 inline constexpr uint32_t kAbilityTextSize = 1400;
 inline constexpr uint32_t kMaxVendorIdLen = 64;
 
@@ -69,6 +77,28 @@ struct KxCameraService {
 };
 
 namespace kx {
+
+// The module lock held over a lookup by service id, as every entry point
+// that names a camera begins. A failure is logged in their words and under
+// the caller's name; Status() is then what the entry point returns.
+class LockedCamera {
+public:
+    LockedCamera(const KxServiceIdDesc *index, const char *caller);
+    [[nodiscard]] KxCameraService *Get() const { return service_; }
+    [[nodiscard]] int32_t Status() const { return status_; }
+
+private:
+    MutexGuard guard_;
+    KxCameraService *service_ = nullptr;
+    int32_t status_ = 0;
+};
+
+// The service id of a vendor camera: "Camera_" and its vendor id. Returns
+// what sprintf_s returns; 0 or less is a failure.
+inline int FormatServiceId(char *serviceId, uint32_t room, const char *vendorId)
+{
+    return sprintf_s(serviceId, room, "Camera_%s", vendorId);
+}
 
 // A camera's command callback and the user data that goes with it.
 struct CmdCallback {

@@ -123,7 +123,7 @@ int32_t CreateVideoEncoder(KxCameraService *service)
     const KxVideoEncoderHandler *handler = service->vencHandler;
     if (handler == nullptr) {
         LOGE("camera encoder handler is null");
-        return kx::kErrNotInited;
+        return kx::kErrNoEncoderHandler;
     }
     LogAbilities();
     // The colour space comes from the first ability, whatever its codec.
@@ -174,7 +174,7 @@ int32_t DestoryVideoEncoder(KxCameraService *service)
     const KxVideoEncoderHandler *handler = service->vencHandler;
     if (handler == nullptr) {
         LOGE("camera encoder handler is null");
-        return kx::kErrNotInited;
+        return kx::kErrNoEncoderHandler;
     }
     // A camera closed without ever getting an instance has nothing to destroy.
     if (service->vencHandle == nullptr) {

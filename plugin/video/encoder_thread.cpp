@@ -174,14 +174,14 @@ int32_t VideoPreprocess(const KxVideoAccessUnit *frame, KxVideoAccessUnit *convF
     kx::FreeAndClear(encFrame->data);
     encFrame->data = static_cast<uint8_t *>(kx::Alloc(size));
     if (encFrame->data == nullptr) {
-        return kx::kErrMissing;
+        return kx::kErrCannotCreate;
     }
     const bool twoSteps = encFrame->csp != KX_CSP_I420;
     if (twoSteps) {
         kx::FreeAndClear(convFrame->data);
         convFrame->data = static_cast<uint8_t *>(kx::Alloc(size));
         if (convFrame->data == nullptr) {
-            return kx::kErrMissing;
+            return kx::kErrCannotCreate;
         }
     }
     const KxImage source = ImageOf(frame->csp, frame, frame->data);

@@ -8,9 +8,6 @@
 
 namespace {
 
-// Negotiated colour format codes of raw frames.
-constexpr int32_t kNegColorFmtRgb565 = 4;
-
 // Intake calls in progress, and whether release has shut the door: a vendor
 // that would not close a camera may go on delivering, and no call may still
 // read a record when release frees it.

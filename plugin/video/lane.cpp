@@ -398,13 +398,10 @@ int32_t KxCameraGetFrameCounters(const KxServiceIdDesc *index, KxCameraFrameCoun
     if (!kx::ModuleInited()) {
         return kx::kErrNotInited;
     }
-    kx::MutexGuard guard(&g_cameraModule.lock);
-    if (!guard.Locked()) {
-        return guard.Status();
-    }
-    const KxCameraService *service = GetCameraHandlerById(index->id, index->idLen);
+    const kx::LockedCamera camera(index, __func__);
+    const KxCameraService *service = camera.Get();
     if (service == nullptr) {
-        return kx::kErrInvalid;
+        return camera.Status();
     }
     const KxCameraFrameCounters &c = service->counters;
     counters->framesIn = __atomic_load_n(&c.framesIn, __ATOMIC_RELAXED);
