@@ -30,6 +30,7 @@ int32_t UnitSink::CmdCallback(const KxServiceIdDesc *identity, const KxCommand *
     received.streamType = unit->streamType;
     received.dataType = unit->dataType;
     received.timeStamp = unit->timeStamp;
+    received.arrivedUs = TALVOSystemTimeUs();
     UnitSink &sink = Get();
     {
         std::lock_guard lock(sink.mutex_);

@@ -25,6 +25,7 @@ struct ReceivedUnit {
     int32_t streamType = 0;
     int32_t dataType = 0;
     int64_t timeStamp = 0;
+    int64_t arrivedUs = 0; // when the framework got it, on the unit's clock
     std::vector<uint8_t> bytes;
 };
 
