@@ -113,9 +113,9 @@ inline void PublishCmdCallback(KxCameraService *service, KxCmdCallback callback,
 {
     const uint32_t seq = __atomic_load_n(&service->cmdCbSeq, __ATOMIC_RELAXED);
     __atomic_store_n(&service->cmdCbSeq, seq + 1, __ATOMIC_RELAXED);
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    __atomic_store_n(&service->cmdCb, callback, __ATOMIC_RELAXED);
-    __atomic_store_n(&service->cmdCbUserData, userData, __ATOMIC_RELAXED);
+    // Release: a reader that sees either new value also sees the odd count.
+    __atomic_store_n(&service->cmdCb, callback, __ATOMIC_RELEASE);
+    __atomic_store_n(&service->cmdCbUserData, userData, __ATOMIC_RELEASE);
     __atomic_store_n(&service->cmdCbSeq, seq + 2, __ATOMIC_RELEASE);
 }
 
@@ -123,9 +123,8 @@ inline CmdCallback ReadCmdCallback(const KxCameraService *service)
 {
     while (true) {
         const uint32_t before = __atomic_load_n(&service->cmdCbSeq, __ATOMIC_ACQUIRE);
-        CmdCallback pair{__atomic_load_n(&service->cmdCb, __ATOMIC_RELAXED),
-                         __atomic_load_n(&service->cmdCbUserData, __ATOMIC_RELAXED)};
-        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        const CmdCallback pair{__atomic_load_n(&service->cmdCb, __ATOMIC_ACQUIRE),
+                               __atomic_load_n(&service->cmdCbUserData, __ATOMIC_ACQUIRE)};
         if ((before & 1u) == 0 && __atomic_load_n(&service->cmdCbSeq, __ATOMIC_RELAXED) == before) {
             return pair;
         }
