@@ -177,6 +177,14 @@ def params_text(camera, text):
     return u8(OP_PARAMS) + u8(camera) + u8(2) + u8(len(text)) + text
 
 
+# Indices into the fuzzer's kHostileSizes.
+SIZE_48, SIZE_64, SIZE_32768, SIZE_2147483646 = 4, 3, 7, 10
+
+
+def params_size(camera, width_index, height_index):
+    return u8(OP_PARAMS) + u8(camera) + u8(3) + u8(width_index) + u8(height_index)
+
+
 def open_(camera):
     return u8(OP_OPEN) + u8(camera)
 
@@ -198,6 +206,11 @@ VENDOR_REPORTS = {
     params_fps(0, 25) + close(0),
     "raw_rgb565": params_open(1, 0, 16, 16, 4) + open_(1) + frame(CAM1, pattern(512)) + close(1),
     "raw_frame_too_short": params_open(0, 0, 16, 16, 2) + open_(0) + frame(CAM0, pattern(100)) + close(0),
+    # Refused sizes stay stored: frames then disagree with them or with the encoder.
+    "sizes_disagree": params_open(0, 0, 16, 16, 4) + open_(0) + frame(CAM0, pattern(512)) +
+    params_size(0, SIZE_32768, SIZE_32768) + frame(CAM0, pattern(512)) +
+    params_size(0, SIZE_2147483646, SIZE_2147483646) + frame(CAM0, pattern(512)) +
+    params_size(0, SIZE_64, SIZE_48) + frame(CAM0, pattern(6144)) + close(0),
     "raw_without_encoder_thread": open_(0) + frame(CAM0, pattern(64)) + close(0),
     "frames_refused": frame(NULL, pattern(4)) + frame_null_data(CAM0, 4) + frame_too_long(CAM1) +
     frame(BYTES, pattern(4), b"9"),

@@ -23,7 +23,10 @@
 //             u8 flags (1: value null), u8 valueLen (mod 24), value bytes
 //   3 cmdcb   u8 camera, u8 mode (0 set, 1 clear, 2 set the getter's)
 //   4 params  u8 camera, u8 kind: 0 open {u8 codec, u8 width/2, u8 height/2,
-//             u8 colour}, 1 update {u8 fps}, 2 text {u8 len, bytes}
+//             u8 colour}, 1 update {u8 fps}, 2 text {u8 len, bytes},
+//             3 a size alone {u8 width, u8 height: indices into
+//             kHostileSizes}, refused yet stored, so that later frames
+//             disagree with it
 //   5 open    u8 camera
 //   6 close   u8 camera
 // A vendor id is u8 kind (mod 4: camera 0, camera 1, bytes, null), then for
@@ -527,10 +530,14 @@ void OpCallback(FuzzInput &in)
     FUZZ_CHECK(rc == 0, "callback entry %u of camera %u: rc %d", mode, camera, rc);
 }
 
+// Sides whose products overflow 32 bits, or nearly, or are odd or empty.
+constexpr int64_t kHostileSizes[] = {0,     1,     2,     64,         48,         46340,     46342,
+                                     32768, 65536, 65537, 2147483646, 2147483647, -2,        -2147483648};
+
 void OpParams(FuzzInput &in)
 {
     const uint32_t camera = in.U8() % kCameraCount;
-    const uint8_t kind = in.U8() % 3;
+    const uint8_t kind = in.U8() % 4;
     std::string text;
     if (kind == 0) {
         const auto codec = static_cast<int8_t>(in.U8());
@@ -541,6 +548,10 @@ void OpParams(FuzzInput &in)
                ",\"ColorFormat\":" + std::to_string(colour) + ",\"CodecType\":" + std::to_string(codec) + "}";
     } else if (kind == 1) {
         text = "{\"Fps\":" + std::to_string(in.U8()) + "}";
+    } else if (kind == 3) {
+        const int64_t width = kHostileSizes[in.U8() % std::size(kHostileSizes)];
+        const int64_t height = kHostileSizes[in.U8() % std::size(kHostileSizes)];
+        text = "{\"Width\":" + std::to_string(width) + ",\"Height\":" + std::to_string(height) + "}";
     } else {
         const std::vector<uint8_t> bytes = in.Bytes(in.U8());
         text.assign(bytes.begin(), bytes.end());
