@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Copyright (C) 2026 The kxcamera authors
-// Internals shared by the files of libtalvo.so: export control, failure
-// injection and the counted heap.
+// Internals shared by the files of libtalvo.so: export control, the door to
+// the test controls and the counted heap.
 #pragma once
 
 #include <cerrno>
@@ -16,18 +16,14 @@
 #include "talvo/testing.h"
 #pragma GCC visibility pop
 
-namespace talvo {
+#include "testing/hooks.h"
 
-// Counts one call of fn; true when a test asked this very call to fail.
-bool CallFails(TalvoTestFn fn);
+namespace talvo {
 
 // The heap behind TalvoMalloc, also used for packet buffers so that the
 // outstanding-block count sees them. Never returns the same pointer for two
 // live blocks, even for size 0.
 void *AllocCounted(size_t size);
 void FreeCounted(void *block);
-
-// Log capture, reset by TalvoTestReset.
-void StopAndClearLogCapture();
 
 } // namespace talvo

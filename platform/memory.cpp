@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 
@@ -91,6 +92,11 @@ bool CacheOn()
     return on;
 }
 
+// No object may span more than PTRDIFF_MAX bytes, so anything above, header
+// and rounding included, is refused before it reaches the arithmetic below
+// (rounding a size near SIZE_MAX up would wrap to 0) or malloc.
+constexpr size_t kLargestRequest = PTRDIFF_MAX - kHeaderSize - kCacheGranule;
+
 size_t CapacityFor(size_t size)
 {
     if (!CacheOn() || size < kCacheMinBytes) {
@@ -138,10 +144,10 @@ void *AllocCounted(size_t size)
 {
     // malloc(0) may legally return NULL; a caller that asked for nothing
     // still gets a block of its own, so NULL always means failure.
-    const size_t capacity = CapacityFor(size);
-    if (capacity > SIZE_MAX - kHeaderSize) {
+    if (size > kLargestRequest) {
         return nullptr;
     }
+    const size_t capacity = CapacityFor(size);
     void *raw = capacity >= kCacheMinBytes && CacheOn() ? TakeCached(capacity) : nullptr;
     if (raw == nullptr) {
         raw = std::malloc(kHeaderSize + capacity);

@@ -94,98 +94,123 @@ void SkipInteger(va_list &args, Length length)
     }
 }
 
-// Walks the conversions of format with their arguments. False for what
-// sprintf_s must refuse: %n, a null %s argument, and anything we cannot walk
-// safely (positional arguments, unknown conversions).
-bool FormatAllowed(const char *format, va_list &args)
+// What a conversion letter takes from the arguments.
+enum class Arg { kInteger, kChar, kWideChar, kString, kWideString, kFloating, kPointer, kNothing };
+
+struct Conversion {
+    char letter;
+    Arg arg;
+};
+
+// Everything else (%n among them) is refused. %m is glibc's strerror(errno).
+constexpr Conversion kConversions[] = {
+    {'d', Arg::kInteger},  {'i', Arg::kInteger},    {'o', Arg::kInteger},  {'u', Arg::kInteger},
+    {'x', Arg::kInteger},  {'X', Arg::kInteger},    {'c', Arg::kChar},     {'C', Arg::kWideChar},
+    {'s', Arg::kString},   {'S', Arg::kWideString}, {'f', Arg::kFloating}, {'F', Arg::kFloating},
+    {'e', Arg::kFloating}, {'E', Arg::kFloating},   {'g', Arg::kFloating}, {'G', Arg::kFloating},
+    {'a', Arg::kFloating}, {'A', Arg::kFloating},   {'p', Arg::kPointer},  {'m', Arg::kNothing},
+};
+
+const Conversion *FindConversion(char letter)
 {
-    for (const char *p = format; *p != '\0'; ++p) {
-        if (*p != '%') {
-            continue;
+    for (const Conversion &conversion : kConversions) {
+        if (conversion.letter == letter) {
+            return &conversion;
         }
+    }
+    return nullptr;
+}
+
+const char *SkipDigits(const char *p)
+{
+    while (std::isdigit(static_cast<unsigned char>(*p))) {
         ++p;
-        if (*p == '%') {
-            continue;
-        }
-        const char *digits = p;
-        while (std::isdigit(static_cast<unsigned char>(*digits))) {
-            ++digits;
-        }
-        if (*digits == '$') {
-            return false;
-        }
-        while (*p != '\0' && std::strchr("-+ #0'I", *p) != nullptr) {
-            ++p;
-        }
+    }
+    return p;
+}
+
+// Reads flags, width and precision, taking the arguments a '*' stands for.
+// Null for a positional argument ("%1$d"), which cannot be walked in order.
+const char *SkipFieldSpec(const char *p, va_list &args)
+{
+    if (*SkipDigits(p) == '$') {
+        return nullptr;
+    }
+    while (*p != '\0' && std::strchr("-+ #0'I", *p) != nullptr) {
+        ++p;
+    }
+    if (*p == '*') {
+        (void)va_arg(args, int);
+        ++p;
+    }
+    p = SkipDigits(p);
+    if (*p == '.') {
+        ++p;
         if (*p == '*') {
             (void)va_arg(args, int);
             ++p;
         }
-        while (std::isdigit(static_cast<unsigned char>(*p))) {
-            ++p;
+        p = SkipDigits(p);
+    }
+    return p;
+}
+
+// Takes the argument of one conversion; false for a null string.
+bool TakeArgument(Arg arg, Length length, va_list &args)
+{
+    switch (arg) {
+    case Arg::kInteger:
+        SkipInteger(args, length);
+        return true;
+    case Arg::kChar:
+        if (length == Length::kLong) {
+            (void)va_arg(args, wint_t);
+        } else {
+            (void)va_arg(args, int);
         }
-        if (*p == '.') {
+        return true;
+    case Arg::kWideChar:
+        (void)va_arg(args, wint_t);
+        return true;
+    case Arg::kString:
+        return length == Length::kLong ? va_arg(args, const wchar_t *) != nullptr
+                                       : va_arg(args, const char *) != nullptr;
+    case Arg::kWideString:
+        return va_arg(args, const wchar_t *) != nullptr;
+    case Arg::kFloating:
+        if (length == Length::kLongDouble) {
+            (void)va_arg(args, long double);
+        } else {
+            (void)va_arg(args, double);
+        }
+        return true;
+    case Arg::kPointer:
+        (void)va_arg(args, void *);
+        return true;
+    case Arg::kNothing:
+        return true;
+    }
+    return false;
+}
+
+// Walks the conversions of format with their arguments. False for what
+// sprintf_s must refuse: %n, a null %s argument, and anything we cannot walk
+// safely (positional arguments, unknown conversions, a trailing '%').
+bool FormatAllowed(const char *format, va_list &args)
+{
+    for (const char *p = std::strchr(format, '%'); p != nullptr; p = std::strchr(p + 1, '%')) {
+        if (p[1] == '%') {
             ++p;
-            if (*p == '*') {
-                (void)va_arg(args, int);
-                ++p;
-            }
-            while (std::isdigit(static_cast<unsigned char>(*p))) {
-                ++p;
-            }
+            continue;
+        }
+        p = SkipFieldSpec(p + 1, args);
+        if (p == nullptr) {
+            return false;
         }
         Length length;
         p = ReadLength(p, length);
-        switch (*p) {
-        case 'd':
-        case 'i':
-        case 'o':
-        case 'u':
-        case 'x':
-        case 'X':
-            SkipInteger(args, length);
-            break;
-        case 'c':
-            if (length == Length::kLong) {
-                (void)va_arg(args, wint_t);
-            } else {
-                (void)va_arg(args, int);
-            }
-            break;
-        case 'C':
-            (void)va_arg(args, wint_t);
-            break;
-        case 's':
-            if (length == Length::kLong ? va_arg(args, const wchar_t *) == nullptr
-                                        : va_arg(args, const char *) == nullptr) {
-                return false;
-            }
-            break;
-        case 'S':
-            if (va_arg(args, const wchar_t *) == nullptr) {
-                return false;
-            }
-            break;
-        case 'f':
-        case 'F':
-        case 'e':
-        case 'E':
-        case 'g':
-        case 'G':
-        case 'a':
-        case 'A':
-            if (length == Length::kLongDouble) {
-                (void)va_arg(args, long double);
-            } else {
-                (void)va_arg(args, double);
-            }
-            break;
-        case 'p':
-            (void)va_arg(args, void *);
-            break;
-        case 'm': // glibc: strerror(errno), no argument
-            break;
-        default: // %n, unknown conversions, a format ending in '%'
+        const Conversion *conversion = FindConversion(*p);
+        if (conversion == nullptr || !TakeArgument(conversion->arg, length, args)) {
             return false;
         }
     }

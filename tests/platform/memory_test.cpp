@@ -52,6 +52,18 @@ INSTANTIATE_TEST_SUITE_P(Sizes, MemoryTest,
                          ::testing::Values(size_t{0}, size_t{24}, size_t{256 << 10} - 1, size_t{256 << 10},
                                            kFrame720p, size_t{80} << 20));
 
+// Sizes no heap can serve, among them those that round up past SIZE_MAX.
+TEST_F(PlatformTest, SizesThatCannotBeServedGiveNull)
+{
+    const int64_t before = TalvoTestOutstandingAllocs();
+    for (const size_t size : {SIZE_MAX, SIZE_MAX - 15, SIZE_MAX - (size_t{64} << 10) + 1, SIZE_MAX / 2 + 1}) {
+        void *block = TalvoMalloc(0, size);
+        EXPECT_EQ(block, nullptr) << size;
+        TalvoFree(block);
+    }
+    EXPECT_EQ(TalvoTestOutstandingAllocs(), before);
+}
+
 TEST_F(PlatformTest, AFreedFrameBufferIsHandedOutAgainForTheSameSize)
 {
     if (!kReuses) {

@@ -36,7 +36,8 @@ typedef enum {
 
 /* Makes the nth call (1 = the next one) of fn from now fail, once. 0 cancels. */
 void TalvoTestFailNth(TalvoTestFn fn, uint32_t nth);
-/* Calls of fn made since the last reset, failed ones included. */
+/* Calls of fn made since the last reset, failed ones included. Counting
+   starts with the first use of any of these controls. */
 uint64_t TalvoTestCallCount(TalvoTestFn fn);
 /* TalvoMalloc blocks not yet freed (process-wide, since load). */
 int64_t TalvoTestOutstandingAllocs(void);
