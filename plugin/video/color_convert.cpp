@@ -55,6 +55,16 @@ bool GeometryUsable(const KxImage *src, int32_t srcBytesPerPixel, const KxImage 
     return usable;
 }
 
+// Runs one libyuv conversion on images whose geometry it can trust.
+template <typename Call>
+int32_t Convert(const KxImage *src, int32_t srcBytesPerPixel, const KxImage *dst, Call call)
+{
+    if (!GeometryUsable(src, srcBytesPerPixel, dst)) {
+        return ::kx::kErrUnsupported;
+    }
+    return call() == 0 ? 0 : ::kx::kErrUnsupported;
+}
+
 #else
 
 int32_t Unsupported()
@@ -67,58 +77,44 @@ int32_t Unsupported()
 
 } // namespace
 
+#if KXCAMERA_WITH_LIBYUV
+
 int32_t ColorConvertRGB5652I420(const KxImage *srcImg, const KxImage *dstImg)
 {
-#if KXCAMERA_WITH_LIBYUV
-    if (!GeometryUsable(srcImg, 2, dstImg)) {
-        return ::kx::kErrUnsupported;
-    }
-    const Planes dst = I420Planes(dstImg);
-    int ret = libyuv::RGB565ToI420(srcImg->data, srcImg->stride, dst.y, dst.yStride, dst.u, dst.cStride, dst.v,
-                                   dst.cStride, srcImg->width, srcImg->height);
-    return ret == 0 ? 0 : ::kx::kErrUnsupported;
-#else
-    (void)srcImg;
-    (void)dstImg;
-    return Unsupported();
-#endif
+    return Convert(srcImg, 2, dstImg, [&] {
+        const Planes dst = I420Planes(dstImg);
+        return libyuv::RGB565ToI420(srcImg->data, srcImg->stride, dst.y, dst.yStride, dst.u, dst.cStride, dst.v,
+                                    dst.cStride, srcImg->width, srcImg->height);
+    });
 }
 
 int32_t ColorConvertNV212I420(const KxImage *srcImg, const KxImage *dstImg)
 {
-#if KXCAMERA_WITH_LIBYUV
-    if (!GeometryUsable(srcImg, 1, dstImg)) {
-        return ::kx::kErrUnsupported;
-    }
-    const Planes src = SemiPlanes(srcImg);
-    const Planes dst = I420Planes(dstImg);
-    int ret = libyuv::NV21ToI420(src.y, src.yStride, src.u, src.cStride, dst.y, dst.yStride, dst.u, dst.cStride,
-                                 dst.v, dst.cStride, srcImg->width, srcImg->height);
-    return ret == 0 ? 0 : ::kx::kErrUnsupported;
-#else
-    (void)srcImg;
-    (void)dstImg;
-    return Unsupported();
-#endif
+    return Convert(srcImg, 1, dstImg, [&] {
+        const Planes src = SemiPlanes(srcImg);
+        const Planes dst = I420Planes(dstImg);
+        return libyuv::NV21ToI420(src.y, src.yStride, src.u, src.cStride, dst.y, dst.yStride, dst.u, dst.cStride,
+                                  dst.v, dst.cStride, srcImg->width, srcImg->height);
+    });
 }
 
 int32_t ColorConvertI4202NV12(const KxImage *srcImg, const KxImage *dstImg)
 {
-#if KXCAMERA_WITH_LIBYUV
-    if (!GeometryUsable(srcImg, 1, dstImg)) {
-        return ::kx::kErrUnsupported;
-    }
-    const Planes src = I420Planes(srcImg);
-    const Planes dst = SemiPlanes(dstImg);
-    int ret = libyuv::I420ToNV12(src.y, src.yStride, src.u, src.cStride, src.v, src.cStride, dst.y, dst.yStride,
-                                 dst.u, dst.cStride, srcImg->width, srcImg->height);
-    return ret == 0 ? 0 : ::kx::kErrUnsupported;
-#else
-    (void)srcImg;
-    (void)dstImg;
-    return Unsupported();
-#endif
+    return Convert(srcImg, 1, dstImg, [&] {
+        const Planes src = I420Planes(srcImg);
+        const Planes dst = SemiPlanes(dstImg);
+        return libyuv::I420ToNV12(src.y, src.yStride, src.u, src.cStride, src.v, src.cStride, dst.y, dst.yStride,
+                                  dst.u, dst.cStride, srcImg->width, srcImg->height);
+    });
 }
+
+#else
+
+int32_t ColorConvertRGB5652I420(const KxImage *, const KxImage *) { return Unsupported(); }
+int32_t ColorConvertNV212I420(const KxImage *, const KxImage *) { return Unsupported(); }
+int32_t ColorConvertI4202NV12(const KxImage *, const KxImage *) { return Unsupported(); }
+
+#endif
 
 int32_t TALVOColorConvert(const KxImage *srcImg, const KxImage *dstImg)
 {
