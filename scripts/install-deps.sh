@@ -10,9 +10,9 @@ googletest libgtest-dev libgmock-dev nlohmann-json3-dev libyuv-dev
 libx264-dev libx265-dev"
 # camhost: option parsing, decoding for snapshots, PNG output.
 # ffmpeg: ffprobe judges the end-to-end streams.
+PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
 # jq: the compliance tests read the checker's JSON report.
 PACKAGES="$PACKAGES jq"
-PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
 # The benchmarks build with the default configuration.
 PACKAGES="$PACKAGES libbenchmark-dev"
 PACKAGES="$PACKAGES $*"
