@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Annex B parsing and libavcodec decoding of encoded units.
 #include "bitstream.h"
 
 #include <algorithm>

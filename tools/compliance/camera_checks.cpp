@@ -4,10 +4,7 @@
 // timing, key frames, start/stop cycles and close with a frame in flight.
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <map>
-#include <mutex>
 #include <numeric>
 #include <optional>
 #include <set>
@@ -15,6 +12,7 @@
 #include <thread>
 
 #include "bitstream.h"
+#include "camera_sinks.h"
 #include "checks.h"
 #include "kxcamera/camera_handler.h"
 #include "talvo/talvo.h"
@@ -25,8 +23,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr uint32_t kMaxIdLength = 64;
-constexpr uint32_t kMaxActionValue = 16;
-constexpr uint32_t kStateAction = 7;
 constexpr int64_t kUsPerSecond = 1'000'000;
 // Longest silence of a streaming camera, first frame included; also how
 // long the checker watches for callbacks after a close.
@@ -93,235 +89,6 @@ struct Camera {
         return id == other.id && std::equal(abilities.begin(), abilities.end(), other.abilities.begin(),
                                             other.abilities.end(), same);
     }
-};
-
-struct Arrival {
-    int64_t us = 0;
-    uint32_t length = 0;
-    std::vector<uint8_t> data; // kept for encoded formats only
-};
-
-// Where every frame callback lands. The callback carries no user data, so
-// one sink serves the camera under test.
-class FrameSink {
-public:
-    void Arm(const std::string &id, bool keepData, std::chrono::milliseconds hold = 0ms)
-    {
-        const std::lock_guard lock(mutex_);
-        id_ = id;
-        keepData_ = keepData;
-        hold_ = hold;
-        frames_.clear();
-        closedAtUs_ = 0;
-        late_.clear();
-        problems_.clear();
-        inside_ = 0;
-        overlapped_ = false;
-    }
-
-    void MarkClosed()
-    {
-        const std::lock_guard lock(mutex_);
-        closedAtUs_ = TALVOSystemTimeUs();
-    }
-
-    bool WaitFrames(size_t count, std::chrono::milliseconds timeout)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return frames_.size() >= count; });
-    }
-
-    bool WaitInside(std::chrono::milliseconds timeout)
-    {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return inside_ > 0; });
-    }
-
-    std::vector<Arrival> Frames()
-    {
-        const std::lock_guard lock(mutex_);
-        return frames_;
-    }
-
-    size_t Count()
-    {
-        const std::lock_guard lock(mutex_);
-        return frames_.size();
-    }
-
-    // Microseconds after the close of each callback that came after it.
-    std::vector<int64_t> Late()
-    {
-        const std::lock_guard lock(mutex_);
-        return late_;
-    }
-
-    std::vector<std::string> Problems()
-    {
-        const std::lock_guard lock(mutex_);
-        return problems_;
-    }
-
-    bool Overlapped()
-    {
-        const std::lock_guard lock(mutex_);
-        return overlapped_;
-    }
-
-    static int32_t Callback(const char *id, uint32_t idLen, const uint8_t *data, uint32_t length)
-    {
-        return Get().Receive(id, idLen, data, length);
-    }
-
-    static FrameSink &Get()
-    {
-        static FrameSink sink;
-        return sink;
-    }
-
-private:
-    int32_t Receive(const char *id, uint32_t idLen, const uint8_t *data, uint32_t length)
-    {
-        const int64_t now = TALVOSystemTimeUs();
-        std::chrono::milliseconds hold;
-        {
-            const std::lock_guard lock(mutex_);
-            overlapped_ = overlapped_ || inside_ > 0;
-            ++inside_;
-            if (closedAtUs_ != 0) {
-                late_.push_back(now - closedAtUs_);
-            }
-            if (id == nullptr || std::string_view(id, strnlen(id, idLen)) != id_ || data == nullptr) {
-                problems_.push_back("a frame came with " +
-                                    std::string(id == nullptr ? "no id" : data == nullptr ? "no data"
-                                                                                          : "another camera's id"));
-            }
-            Arrival arrival{now, length, {}};
-            if (keepData_ && data != nullptr) {
-                arrival.data.assign(data, data + length);
-            }
-            frames_.push_back(std::move(arrival));
-            hold = hold_;
-        }
-        changed_.notify_all();
-        std::this_thread::sleep_for(hold);
-        {
-            const std::lock_guard lock(mutex_);
-            --inside_;
-        }
-        return 0;
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string id_;
-    bool keepData_ = false;
-    std::chrono::milliseconds hold_{0};
-    std::vector<Arrival> frames_;
-    int64_t closedAtUs_ = 0;
-    std::vector<int64_t> late_;
-    std::vector<std::string> problems_;
-    int inside_ = 0;
-    bool overlapped_ = false;
-};
-
-// Reports from the library's listener calls, judged while the pointers are lent.
-class ReportSink {
-public:
-    struct Status {
-        int64_t us;
-        std::string id;
-        uint32_t status;
-    };
-
-    static ReportSink &Get()
-    {
-        static ReportSink sink;
-        return sink;
-    }
-
-    static int32_t OnStatus(const char *id, uint32_t idLen, uint32_t status)
-    {
-        ReportSink &sink = Get();
-        const std::lock_guard lock(sink.mutex_);
-        const std::optional<std::string> name = sink.Id(id, idLen, "status report");
-        if (status != 1 && status != 2) {
-            sink.problems_.push_back("status report with status " + std::to_string(status) +
-                                     "; only 1 (online) and 2 (offline) exist");
-        }
-        if (name) {
-            sink.statuses_.push_back({TALVOSystemTimeUs(), *name, status});
-        }
-        return 0;
-    }
-
-    static int32_t OnAction(const char *id, uint32_t idLen, const KxServiceAction *action)
-    {
-        ReportSink &sink = Get();
-        const std::lock_guard lock(sink.mutex_);
-        sink.Id(id, idLen, "camera-state report");
-        if (action == nullptr) {
-            sink.problems_.push_back("camera-state report without its action record; the plugin reads it");
-            return 0;
-        }
-        if (action->valueLen > kMaxActionValue) {
-            sink.problems_.push_back("action value of " + std::to_string(action->valueLen) +
-                                     " characters; at most 16 are taken");
-        } else if (action->type == kStateAction) {
-            const bool decimal = action->value != nullptr && action->valueLen > 0 &&
-                                 std::all_of(action->value, action->value + action->valueLen,
-                                             [](char c) { return c >= '0' && c <= '9'; });
-            if (!decimal) {
-                sink.problems_.push_back("camera-state value is not decimal text of valueLen characters");
-            }
-        }
-        return 0;
-    }
-
-    // Stand in for the listener record once RegisterListener has returned.
-    static int32_t StaleStatus(const char *, uint32_t, uint32_t)
-    {
-        Get().Stale();
-        return 0;
-    }
-    static int32_t StaleAction(const char *, uint32_t, const KxServiceAction *)
-    {
-        Get().Stale();
-        return 0;
-    }
-
-    std::vector<std::string> Problems()
-    {
-        const std::lock_guard lock(mutex_);
-        return problems_;
-    }
-
-    std::vector<Status> Statuses()
-    {
-        const std::lock_guard lock(mutex_);
-        return statuses_;
-    }
-
-private:
-    std::optional<std::string> Id(const char *id, uint32_t idLen, const char *what)
-    {
-        if (id == nullptr || idLen == 0 || idLen > kMaxIdLength || strnlen(id, idLen + 1) != idLen) {
-            problems_.push_back(std::string(what) + " whose id is missing or not NUL-terminated at idLen");
-            return std::nullopt;
-        }
-        return std::string(id, idLen);
-    }
-
-    void Stale()
-    {
-        const std::lock_guard lock(mutex_);
-        problems_.push_back("a report went through the listener record after RegisterListener returned; copy "
-                            "its two entries instead of keeping the pointer");
-    }
-
-    std::mutex mutex_;
-    std::vector<std::string> problems_;
-    std::vector<Status> statuses_;
 };
 
 struct Session {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Filing and printing the checks' verdicts.
 #include "report.h"
 
 #include <algorithm>
