@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <numeric>
 #include <optional>
 #include <set>
@@ -102,14 +103,14 @@ struct StreamRun {
     int32_t open = 0;
     int32_t start = 0;
     int32_t close = 0;
-    int32_t control = 0;
     int64_t startedUs = 0;
-    size_t controlAfter = 0; // frames received before the key-frame request
+    size_t midwayAfter = 0; // frames received before `midway` ran
     std::vector<Arrival> frames;
 };
 
+// `midway`, if set, runs once half the frames have arrived.
 StreamRun Stream(Session &session, const Camera &camera, uint32_t format, KxPictureSize size, uint32_t fps,
-                 size_t frames, bool keyFrameRequest = false)
+                 size_t frames, const std::function<void()> &midway = {})
 {
     FrameSink &sink = FrameSink::Get();
     sink.Arm(camera.id, Encoded(format));
@@ -122,10 +123,10 @@ StreamRun Stream(Session &session, const Camera &camera, uint32_t format, KxPict
         run.startedUs = TALVOSystemTimeUs();
         // Room for a stall of the maximum gap on top of twice the stream's time.
         const auto budget = std::chrono::milliseconds(2000 * frames / std::max(fps, 1u) + 2 * kMaxGapUs / 1000);
-        if (run.start == 0 && keyFrameRequest) {
+        if (run.start == 0 && midway) {
             sink.WaitFrames(frames / 2, budget);
-            run.controlAfter = sink.Count();
-            run.control = session.api.BusinessControl(1, nullptr, 0, nullptr, 0);
+            run.midwayAfter = sink.Count();
+            midway();
         }
         if (run.start == 0) {
             sink.WaitFrames(frames, budget);
@@ -368,6 +369,7 @@ struct TimingRun {
     uint32_t format;
     uint32_t fps;
     std::string who;
+    int32_t control = 0; // the key-frame request's status
     StreamRun run;
 };
 
@@ -384,9 +386,11 @@ void CheckTiming(Report &report, Session &session, const Options &options)
         for (const KxFpsRange &range : ability.ranges) {
             fps = std::max(fps, range.max);
         }
-        runs.push_back({&camera, ability.format, fps, Quoted(camera.id) + " at " + std::to_string(fps) + " fps",
-                        Stream(session, camera, ability.format, ability.sizes[0], fps, options.frames,
-                               Encoded(ability.format))});
+        TimingRun &t = runs.emplace_back(
+            TimingRun{&camera, ability.format, fps, Quoted(camera.id) + " at " + std::to_string(fps) + " fps", 0, {}});
+        const auto requestKeyFrame = [&] { t.control = session.api.BusinessControl(1, nullptr, 0, nullptr, 0); };
+        t.run = Stream(session, camera, ability.format, ability.sizes[0], fps, options.frames,
+                       Encoded(ability.format) ? std::function<void()>(requestKeyFrame) : nullptr);
     }
     const std::vector<ReportSink::Status> statuses = ReportSink::Get().Statuses();
     {
@@ -459,9 +463,9 @@ void CheckTiming(Report &report, Session &session, const Options &options)
         const std::vector<Arrival> &frames = t.run.frames;
         check.Expect(IsIdrWithParameterSets(codec, frames[0].data),
                      t.who + ": the first unit is not an IDR with its parameter sets; a decoder cannot start");
-        check.Expect(t.run.control == 0, t.who + ": " + Describe("BusinessControl(1) (key frame)", t.run.control));
+        check.Expect(t.control == 0, t.who + ": " + Describe("BusinessControl(1) (key frame)", t.control));
         bool found = false;
-        for (size_t i = t.run.controlAfter; i < frames.size() && i < t.run.controlAfter + kKeyFrameWithin; ++i) {
+        for (size_t i = t.run.midwayAfter; i < frames.size() && i < t.run.midwayAfter + kKeyFrameWithin; ++i) {
             found = found || IsIdrWithParameterSets(codec, frames[i].data);
         }
         check.Expect(found, t.who + ": no IDR with parameter sets within 5 frames of the key-frame request");
@@ -489,6 +493,45 @@ void CheckStartStop(Report &report, Session &session)
         }
     }
     check.Note(std::to_string(kStartStopCycles) + " open/start/close cycles per camera");
+}
+
+// The plugin changes a streaming camera's rate with item 1 and decimal text.
+void CheckUpdateConfig(Report &report, Session &session)
+{
+    Check check(report, "streaming", "camera.update-config");
+    for (const Camera &camera : session.cameras) {
+        if (camera.abilities.empty()) {
+            continue;
+        }
+        const Ability &ability = camera.abilities[0];
+        const KxFpsRange range = ability.ranges[0];
+        const auto idLen = static_cast<uint32_t>(camera.id.size());
+        const auto update = [&](uint32_t fps) {
+            const std::string text = std::to_string(fps);
+            return session.api.UpdateConfig(camera.id.c_str(), idLen, 1, text.c_str(),
+                                            static_cast<uint32_t>(text.size()));
+        };
+        uint32_t maxRate = 0;
+        for (const Ability &a : camera.abilities) {
+            for (const KxFpsRange &r : a.ranges) {
+                maxRate = std::max(maxRate, r.max);
+            }
+        }
+        int32_t inside = 0;
+        int32_t outside = 0;
+        const StreamRun run = Stream(session, camera, ability.format, ability.sizes[0], range.max, 4, [&] {
+            inside = update(range.min);
+            outside = update(maxRate + 1);
+        });
+        if (!Streamed(check, camera, run, 4, "rate change")) {
+            continue;
+        }
+        check.Expect(inside == 0, Quoted(camera.id) + ": UpdateConfig to " + std::to_string(range.min) +
+                                      " fps, inside its range, returned " + std::to_string(inside));
+        check.Expect(outside != 0, Quoted(camera.id) + ": UpdateConfig accepted " + std::to_string(maxRate + 1) +
+                                       " fps, above every range; it must refuse it");
+    }
+    check.Note("rates inside a range taken while streaming, others refused; frames go on");
 }
 
 void CheckCloseInFlight(Report &report, Session &session)
@@ -604,6 +647,7 @@ void CheckCameraLibrary(Report &report, const std::string &path, const Options &
     CheckCombinations(report, session, options);
     CheckTiming(report, session, options);
     CheckStartStop(report, session);
+    CheckUpdateConfig(report, session);
     CheckCloseInFlight(report, session);
     CheckReports(report, session);
 }
