@@ -53,7 +53,12 @@ int main(int argc, char **argv)
         ->capture_default_str()
         ->check(CLI::Range(1u, 1000u));
     app.add_option("--json", json, "also write the results as JSON to this file ('-': stdout, instead of text)");
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        // --help succeeds; every usage error exits 2, apart from check failures.
+        return app.exit(error) == 0 ? 0 : 2;
+    }
     if (camera.empty() && encoder.empty()) {
         std::cerr << "kxcamera-compliance: give --camera, --encoder or both (see --help)\n";
         return 2;
