@@ -10,6 +10,7 @@
 #include <optional>
 #include <set>
 #include <span>
+#include <string_view>
 #include <thread>
 
 #include "bitstream.h"
@@ -217,8 +218,10 @@ std::optional<std::vector<Camera>> ReadCapabilities(Session &session, Check &che
                                  " is empty or starts at 0");
                 copy.ranges.push_back(range);
             }
-            check.Expect(RawFrameBytes(ability.dataFmt, 2, 2) != 0 || Encoded(ability.dataFmt),
-                         where + ": unknown data format " + std::to_string(ability.dataFmt));
+            // The plugin reads any other code as NV21 and then starts the camera with 17.
+            check.Expect(std::string_view(FormatName(ability.dataFmt)) != "unknown",
+                         where + ": data format " + std::to_string(ability.dataFmt) +
+                             " is none of 1, 2, 4 and 17; NV21 must be advertised as 17");
             camera.abilities.push_back(std::move(copy));
         }
         check.Expect(item.extendInfoNum == 0 || item.extendInfos != nullptr,
