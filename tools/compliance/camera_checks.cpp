@@ -421,9 +421,8 @@ void CheckTiming(Report &report, Session &session, const Options &options)
             const size_t trim = intervals.size() / 10;
             const auto kept = std::span(intervals).subspan(trim, intervals.size() - 2 * trim);
             const double period = static_cast<double>(kUsPerSecond) / t.fps;
-            const double mean = kept.empty() ? 0.0
-                                             : static_cast<double>(std::accumulate(kept.begin(), kept.end(), int64_t{0})) /
-                                                   static_cast<double>(kept.size());
+            const int64_t sum = std::accumulate(kept.begin(), kept.end(), int64_t{0});
+            const double mean = kept.empty() ? 0.0 : static_cast<double>(sum) / static_cast<double>(kept.size());
             const std::string shown = std::to_string(static_cast<int64_t>(mean)) + " us";
             check.Expect(std::abs(mean - period) <= kRateTolerance * period,
                          t.who + ": mean frame interval " + shown + ", not within 10 % of " +
@@ -608,44 +607,59 @@ void CheckCameraLibrary(Report &report, const std::string &path, const Options &
 {
     Session session;
     bool usable = false;
+    bool loaded = false;
     {
         Check check(report, "table", "camera.load");
         const std::string error = LoadVendorTable(path, KX_CAMERA_HANDLER_GETTER, &session.api);
-        check.Expect(error.empty(), error);
+        loaded = check.Expect(error.empty(), error);
         check.Note(path);
     }
     {
         Check check(report, "table", "camera.table");
-        const void *slots[] = {
-            reinterpret_cast<const void *>(session.api.OpenCamera),
-            reinterpret_cast<const void *>(session.api.StartCamera),
-            reinterpret_cast<const void *>(session.api.CloseCamera),
-            reinterpret_cast<const void *>(session.api.UpdateConfig),
-            reinterpret_cast<const void *>(session.api.GetCameraCapability),
-            nullptr, // slot 5 is never called and may be null
-            reinterpret_cast<const void *>(session.api.ReleaseCameraCapability),
-            reinterpret_cast<const void *>(session.api.RegisterListener),
-            reinterpret_cast<const void *>(session.api.BusinessControl),
-        };
-        static constexpr const char *kNames[] = {"OpenCamera", "StartCamera", "CloseCamera",
-                                                 "UpdateConfig", "GetCameraCapability", "Reserved5",
-                                                 "ReleaseCameraCapability", "RegisterListener", "BusinessControl"};
-        usable = true;
-        for (size_t i = 0; i < std::size(slots); ++i) {
-            usable = check.Expect(i == 5 || slots[i] != nullptr,
-                                  "slot " + std::to_string(i) + " (" + kNames[i] +
-                                      ") is null; the plugin refuses a table with an empty required slot") &&
-                     usable;
+        if (!loaded) {
+            check.Skip("the library did not load");
+        } else {
+            const void *slots[] = {
+                reinterpret_cast<const void *>(session.api.OpenCamera),
+                reinterpret_cast<const void *>(session.api.StartCamera),
+                reinterpret_cast<const void *>(session.api.CloseCamera),
+                reinterpret_cast<const void *>(session.api.UpdateConfig),
+                reinterpret_cast<const void *>(session.api.GetCameraCapability),
+                nullptr, // slot 5 is never called and may be null
+                reinterpret_cast<const void *>(session.api.ReleaseCameraCapability),
+                reinterpret_cast<const void *>(session.api.RegisterListener),
+                reinterpret_cast<const void *>(session.api.BusinessControl),
+            };
+            static constexpr const char *kNames[] = {"OpenCamera", "StartCamera", "CloseCamera",
+                                                     "UpdateConfig", "GetCameraCapability", "Reserved5",
+                                                     "ReleaseCameraCapability", "RegisterListener", "BusinessControl"};
+            usable = true;
+            for (size_t i = 0; i < std::size(slots); ++i) {
+                usable = check.Expect(i == 5 || slots[i] != nullptr,
+                                      "slot " + std::to_string(i) + " (" + kNames[i] +
+                                          ") is null; the plugin refuses a table with an empty required slot") &&
+                         usable;
+            }
+            check.Note("the eight required slots are set");
         }
-        check.Note("the eight required slots are set");
     }
+    static constexpr const char *kStreamingChecks[] = {
+        "camera.invalid-config", "camera.combinations", "camera.frame-timing",    "camera.stall",
+        "camera.keyframe",       "camera.start-stop",   "camera.update-config",   "camera.close-in-flight",
+        "camera.frame-length",   "camera.reports"};
     if (!usable) {
         for (const char *id : {"camera.listener", "camera.capabilities", "camera.enumeration"}) {
             Check(report, "table", id).Skip("the library's table is not usable");
         }
+    } else {
+        CheckStatic(report, session);
+    }
+    if (session.cameras.empty()) {
+        for (const char *id : kStreamingChecks) {
+            Check(report, "streaming", id).Skip(usable ? "no camera to stream" : "the library's table is not usable");
+        }
         return;
     }
-    CheckStatic(report, session);
     CheckInvalid(report, session);
     CheckCombinations(report, session, options);
     CheckTiming(report, session, options);

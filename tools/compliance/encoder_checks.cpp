@@ -367,27 +367,34 @@ void CheckEncoderLibrary(Report &report, const std::string &path, const Options 
 {
     Setup setup;
     bool usable = false;
+    bool loaded = false;
     {
         Check check(report, "table", "encoder.load");
         const std::string error = LoadVendorTable(path, KX_VIDEO_ENCODER_GETTER, &setup.api);
-        check.Expect(error.empty(), error);
+        loaded = check.Expect(error.empty(), error);
         check.Note(path);
     }
     {
         Check check(report, "table", "encoder.table");
-        const void *slots[] = {
-            reinterpret_cast<const void *>(setup.api.VideoEncoderGetAbility),
-            reinterpret_cast<const void *>(setup.api.VideoEncoderCreate),
-            reinterpret_cast<const void *>(setup.api.VideoEncoderConfigure),
-            reinterpret_cast<const void *>(setup.api.VideoEncoderProcess),
-            reinterpret_cast<const void *>(setup.api.VideoEncoderDestroy),
-        };
-        usable = std::all_of(std::begin(slots), std::end(slots), [](const void *slot) { return slot != nullptr; });
-        check.Expect(usable, "a slot of the five is null; the plugin then runs without an encoder");
-        check.Note("the five slots are set");
+        if (!loaded) {
+            check.Skip("the library did not load");
+        } else {
+            const void *slots[] = {
+                reinterpret_cast<const void *>(setup.api.VideoEncoderGetAbility),
+                reinterpret_cast<const void *>(setup.api.VideoEncoderCreate),
+                reinterpret_cast<const void *>(setup.api.VideoEncoderConfigure),
+                reinterpret_cast<const void *>(setup.api.VideoEncoderProcess),
+                reinterpret_cast<const void *>(setup.api.VideoEncoderDestroy),
+            };
+            usable = std::all_of(std::begin(slots), std::end(slots), [](const void *slot) { return slot != nullptr; });
+            check.Expect(usable, "a slot of the five is null; the plugin then runs without an encoder");
+            check.Note("the five slots are set");
+        }
     }
     if (usable) {
         CheckAbility(report, setup);
+    } else {
+        Check(report, "table", "encoder.ability").Skip("the library's table is not usable");
     }
     if (!usable || setup.csp < 0) {
         for (const char *id : {"encoder.invalid-params", "encoder.one-in-one-out", "encoder.first-idr",
