@@ -13,6 +13,8 @@ libx264-dev libx265-dev"
 PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
 # camhost's manual page is made from its --help.
 PACKAGES="$PACKAGES help2man"
+# jq: the compliance tests read the checker's JSON report.
+PACKAGES="$PACKAGES jq"
 # The benchmarks build with the default configuration.
 PACKAGES="$PACKAGES libbenchmark-dev"
 PACKAGES="$PACKAGES $*"

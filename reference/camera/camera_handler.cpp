@@ -5,6 +5,7 @@
 
 #include "camera_module.h"
 #include "catalog.h"
+#include "faults.h"
 #include "kxcamera/camera_handler.h"
 #include "vendor_common.h"
 
@@ -98,6 +99,7 @@ int32_t RegisterListener(const KxServiceListener *listener)
     }
     return kxvendor::Guarded([&]() -> int32_t {
         CameraModule::Get().RegisterListener(*listener);
+        KeepListenerForFaults(*listener);
         return kOk;
     });
 }

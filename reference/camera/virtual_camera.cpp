@@ -2,6 +2,7 @@
 // One virtual camera and its capture thread.
 #include "virtual_camera.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -128,6 +129,9 @@ void Stream::Run()
             }
             continue;
         }
+        if (!InjectFaults(index, lock)) {
+            return;
+        }
         const bool keyFrame = std::exchange(keyFrameRequested_, false);
         lock.unlock();
         Deliver(index++, keyFrame);
@@ -141,6 +145,29 @@ void Stream::Run()
     }
 }
 
+bool Stream::InjectFaults(uint64_t index, std::unique_lock<std::mutex> &lock)
+{
+    const Faults &faults = settings_.faults;
+    const auto pause = [&](std::chrono::milliseconds time) {
+        return !wake_.wait_for(lock, time, [this] { return stop_; });
+    };
+    if (index == Faults::kStallFrame && faults.stall.count() > 0 && !pause(faults.stall)) {
+        return false;
+    }
+    if (faults.disconnectAt == index) {
+        lock.unlock();
+        ReportStatusForFaults(settings_.id, 2);
+        lock.lock();
+        if (!pause(Faults::kOfflineTime)) {
+            return false;
+        }
+        lock.unlock();
+        ReportStatusForFaults(settings_.id, 1);
+        lock.lock();
+    }
+    return true;
+}
+
 void Stream::Deliver(uint64_t index, bool keyFrame)
 {
     const std::span<const uint8_t> frame = pattern_.Frame(index);
@@ -151,8 +178,15 @@ void Stream::Deliver(uint64_t index, bool keyFrame)
         }
         out = unit_;
     }
+    if (settings_.faults.Drops(index)) {
+        return;
+    }
+    size_t length = out.size();
+    if (encoder_ == nullptr) {
+        length -= std::min<size_t>(settings_.faults.lengthShortBy, length);
+    }
     settings_.callback(settings_.id.c_str(), static_cast<uint32_t>(settings_.id.size()), out.data(),
-                       static_cast<uint32_t>(out.size()));
+                       static_cast<uint32_t>(length));
 }
 
 bool VirtualCamera::OnOwnCaptureThread() const
@@ -179,6 +213,7 @@ int32_t VirtualCamera::Open(KxFrameCallback callback)
         old->Stop();
     }
     callback_ = callback;
+    faults_ = Faults::FromEnvironment();
     open_ = true;
     return kOk;
 }
@@ -202,7 +237,7 @@ int32_t VirtualCamera::Start(const KxCameraOpenParams &params)
     }
     std::unique_ptr<Stream> stream;
     const int32_t status = Stream::Start(
-        {this, entry_.id, entry_.kind, *format, params.width, params.height, params.fps, callback_}, stream);
+        {this, entry_.id, entry_.kind, *format, params.width, params.height, params.fps, callback_, faults_}, stream);
     if (status != kOk) {
         return status;
     }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "camera_list.h"
+#include "faults.h"
 #include "kxcamera/camera_handler.h"
 #include "pattern.h"
 #include "stream_encoder.h"
@@ -35,6 +36,7 @@ public:
         uint32_t height;
         uint32_t fps;
         KxFrameCallback callback;
+        Faults faults;
     };
 
     // Prepares the pattern and the encoder and starts the thread.
@@ -51,6 +53,8 @@ public:
 private:
     Stream(Settings settings, kxpattern::PatternGenerator pattern, std::unique_ptr<StreamEncoder> encoder);
     void Run();
+    // False when the stream was stopped during an injected pause.
+    bool InjectFaults(uint64_t index, std::unique_lock<std::mutex> &lock);
     void Deliver(uint64_t index, bool keyFrame);
 
     const Settings settings_;
@@ -90,6 +94,7 @@ private:
     // Serialises open, start and close; held while a stream is joined.
     std::mutex controlMutex_;
     KxFrameCallback callback_ = nullptr;
+    Faults faults_;
     bool open_ = false;
     // Guards stream_ alone and is never held across a join, so that rate and
     // key-frame requests never wait for a capture thread to end.
