@@ -9,6 +9,7 @@
 #include "common/module.h"
 #include "common/memory.h"
 #include "common/mutex.h"
+#include "common/vendor_gate.h"
 #include "events/events.h"
 #include "talvo/securec.h"
 
@@ -85,7 +86,8 @@ int32_t CameraUpdateServiceAction(const char *id, uint32_t idLen, const KxServic
         LOGE("camera action value bad len=%d", action->valueLen);
         return kx::kErrInvalid;
     }
-    if (!kx::ModuleInited()) {
+    const kx::VendorCall call;
+    if (!call.Admitted() || !kx::ModuleInited()) {
         LOGE("camera is not init or destroyed");
         return kx::kErrNotReady;
     }
@@ -134,6 +136,11 @@ int32_t CameraUpdateServiceStatus(const char *id, uint32_t idLen, uint32_t statu
 {
     if (id == nullptr || idLen == 0) {
         LOGE("invalid id");
+        return kx::kErrBadCamera;
+    }
+    const kx::VendorCall call;
+    if (!call.Admitted()) {
+        LOGE("camera is not init or destroyed");
         return kx::kErrBadCamera;
     }
     uint32_t notifyEvent = 0;

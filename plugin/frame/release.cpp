@@ -4,6 +4,7 @@
 #include "command/command.h"
 #include "common/list.h"
 #include "common/log.h"
+#include "common/vendor_gate.h"
 #include "common/module.h"
 #include "frame/frame.h"
 #include "video/lane.h"
@@ -26,15 +27,11 @@ void CloseAndFreeCameras(TALVODllHead &list)
         // still has a thread to join.
         kx::LaneTearDown(service);
     });
-    // A vendor that would not close may still deliver: no frame may be
-    // reading a record when it is freed.
-    kx::ShutIntake();
     kx::ListForEach(list, [](TALVODllNode *node) {
         TalvoFree(node->data);
         TalvoFree(node);
     });
     kx::ListReset(list);
-    kx::OpenIntake();
 }
 
 } // namespace
@@ -47,6 +44,10 @@ int32_t TALVOCameraReleaseService(void)
         return 0;
     }
     LOGI("TALVOCameraReleaseService start");
+    // Vendor threads may call at any time, and one that would not close a
+    // camera goes on calling: none may be inside while the queue and the
+    // records go, and each that comes meanwhile is turned away.
+    kx::ShutVendorGate();
     // The queue goes before the cameras: its handler reports through the
     // records, and destroying the queue lets the event in progress finish and
     // stops the worker, so no handler runs while the records are freed.
@@ -58,6 +59,7 @@ int32_t TALVOCameraReleaseService(void)
     kx::CloseLibrary(module.cameraLibHandle);
     kx::CloseLibrary(module.vencLibHandle);
     kx::SetModuleInited(false);
+    kx::OpenVendorGate();
     LOGI("TALVOCameraReleaseService end");
     return 0;
 }

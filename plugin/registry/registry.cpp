@@ -209,7 +209,10 @@ KxCameraService *AddServiceToCameraList(const KxCameraCapability *capability)
         return nullptr;
     }
     TALVODllHead &list = g_cameraModule.serviceList;
-    const int32_t ret = TALVODllInsertInMiddle(&list, kx::ListTail(list), pending.Node());
+    // Vendor reports may already be handled, walking the list under the lock.
+    kx::MutexGuard guard(&g_cameraModule.lock);
+    const int32_t ret =
+        guard.Locked() ? TALVODllInsertInMiddle(&list, kx::ListTail(list), pending.Node()) : guard.Status();
     if (ret != 0) {
         LOGE("link camera service into the service list failed, error %d", ret);
         return nullptr;
@@ -225,7 +228,10 @@ int32_t GetCameraService(void)
         LOGE("camera handler for GetCameraCapability is NULL");
         return kx::kErrMissing;
     }
-    kx::ListReset(module.serviceList);
+    {
+        kx::MutexGuard guard(&module.lock);
+        kx::ListReset(module.serviceList);
+    }
 
     KxCameraCapability *items = nullptr;
     uint32_t num = 0;

@@ -3,41 +3,11 @@
 // to the framework or queued for the camera's encoder thread.
 #include "common/limits.h"
 #include "common/log.h"
+#include "common/vendor_gate.h"
 #include "video/lane.h"
 #include "video/video.h"
 
 namespace {
-
-// Intake calls in progress, and whether release has shut the door: a vendor
-// that would not close a camera may go on delivering, and no call may still
-// read a record when release frees it.
-uint32_t g_intakeCalls = 0;
-uint8_t g_intakeShut = 0;
-// Calls of this thread in progress, so that a release made from inside a
-// callback of the intake does not wait for itself.
-thread_local uint32_t t_intakeDepth = 0;
-
-class IntakeCall {
-public:
-    IntakeCall()
-    {
-        (void)__atomic_add_fetch(&g_intakeCalls, 1, __ATOMIC_SEQ_CST);
-        admitted_ = __atomic_load_n(&g_intakeShut, __ATOMIC_SEQ_CST) == 0;
-        ++t_intakeDepth;
-    }
-    ~IntakeCall()
-    {
-        --t_intakeDepth;
-        (void)__atomic_sub_fetch(&g_intakeCalls, 1, __ATOMIC_RELEASE);
-    }
-    IntakeCall(const IntakeCall &) = delete;
-    IntakeCall &operator=(const IntakeCall &) = delete;
-
-    [[nodiscard]] bool Admitted() const { return admitted_; }
-
-private:
-    bool admitted_ = false;
-};
 
 // The record's negotiated parameters and callback change on the command
 // thread while frames arrive; they are read here without the module lock, so
@@ -77,16 +47,6 @@ int32_t QueueRawFrame(KxCameraService *service, KxVideoAccessUnit *unit)
 
 } // namespace
 
-void kx::ShutIntake()
-{
-    __atomic_store_n(&g_intakeShut, 1, __ATOMIC_SEQ_CST);
-    while (__atomic_load_n(&g_intakeCalls, __ATOMIC_SEQ_CST) > t_intakeDepth) {
-        (void)TALVOSleep(0);
-    }
-}
-
-void kx::OpenIntake() { __atomic_store_n(&g_intakeShut, 0, __ATOMIC_SEQ_CST); }
-
 int32_t OutputCameraDataCB(const char *vendorId, uint32_t vendorIdLen, const uint8_t *data, uint32_t length)
 {
     if (vendorId == nullptr || length > static_cast<uint32_t>(kx::kMaxVideoDataLength) || data == nullptr) {
@@ -98,7 +58,7 @@ int32_t OutputCameraDataCB(const char *vendorId, uint32_t vendorIdLen, const uin
     if (unit == nullptr) {
         return kx::kErrNoMemory;
     }
-    const IntakeCall call;
+    const kx::VendorCall call;
     KxCameraService *service = call.Admitted() ? GetCameraHandlerByVendorId(vendorId, vendorIdLen) : nullptr;
     if (service == nullptr) {
         OutputCameraDataFree(unit, nullptr);

@@ -44,11 +44,6 @@ KXCAMERA_API int32_t ColorConvertI4202NV12(const KxImage *srcImg, const KxImage 
 
 namespace kx {
 
-// Release shuts the frame intake and waits for the calls in progress before
-// it frees any record; load opens it again.
-void ShutIntake();
-void OpenIntake();
-
 // Hands a unit to the camera's command callback as message `code`, naming
 // the camera by `identity`; the unit is the framework's from then on. With
 // no callback set it is released here.

@@ -182,7 +182,7 @@ TEST_P(LaneCallbackTest, ReactionFromInsideFinishesWithoutWaitingForItself)
     ASSERT_TRUE(WaitUntil([&] { return done_.load(); })) << "deadlocked: " << DumpLogs();
     EXPECT_EQ(status_, 0) << DumpLogs();
     // The retired encoder goes once its thread has left it.
-    ASSERT_TRUE(WaitUntil([&] { return FakeEncoder()->destroyed == 1; })) << DumpLogs();
+    ASSERT_TRUE(WaitUntil([&] { return FakeEncoder()->CallsTo("VideoEncoderDestroy").size() == 1; })) << DumpLogs();
     if (GetParam().reopen) {
         ASSERT_EQ(FakeCamera()->PushFrame("0", Frame(2).data(), kRgbSize), 0);
         ASSERT_TRUE(WaitUntil([&] { return later_.load() == 1; })) << "the new lane encodes: " << DumpLogs();
