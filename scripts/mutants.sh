@@ -3,14 +3,18 @@
 # Breaks the code on purpose, one fault at a time, and tells which faults a
 # test selection notices.
 #
-# Usage: scripts/mutants.sh [-p PRESET] [-t TARGET]... LIST [CTEST ARGS...]
+# Usage: scripts/mutants.sh [-p PRESET] [-b DIR] [-t TARGET]... LIST [CTEST ARGS...]
 #   LIST        tab-separated lines: FILE, TEXT, REPLACEMENT, NOTE. TEXT must
 #               occur on exactly one line of FILE; its first occurrence there
 #               becomes REPLACEMENT. Blank lines and lines starting with #
 #               are skipped.
-#   -p PRESET   build and test preset (debug)
+#   -p PRESET   build preset (debug)
+#   -b DIR      its binary directory (build/PRESET)
 #   -t TARGET   build only these targets (default: everything)
 #   CTEST ARGS  the selection, e.g. -L 'platform|faults'
+# A fault may well hang (a missing unlock): a run taking longer than
+# MUTANTS_TIMEOUT seconds (default: three times the unbroken run, plus 30)
+# is stopped and counts as caught. The first failure ends the run of a fault.
 # Each fault is applied in place and the file is restored afterwards, also on
 # an interrupt. Prints caught/missed per fault and "N caught, M missed"; a
 # fault that does not build is reported apart and counted in neither. Exits
@@ -19,18 +23,21 @@ set -eu
 cd "$(dirname "$0")/.."
 
 preset=debug
+dir=
 targets=
-while getopts p:t: opt; do
+while getopts p:b:t: opt; do
   case $opt in
     p) preset=$OPTARG ;;
+    b) dir=$OPTARG ;;
     t) targets="$targets --target $OPTARG" ;;
-    *) sed -n '5,12s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    *) sed -n '6,21s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
-[ $# -ge 1 ] || { sed -n '5,12s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -ge 1 ] || { sed -n '6,21s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 list=$1
 shift
+dir=${dir:-build/$preset}
 
 work=$(mktemp -d)
 current=
@@ -48,15 +55,19 @@ build() {
   # shellcheck disable=SC2086 # targets are separate words
   cmake --build --preset "$preset" -j2 $targets > "$work/build.log" 2>&1 < /dev/null
 }
+limit=0
 run_tests() {
-  ctest --preset "$preset" -j2 --timeout 120 "$@" > "$work/test.log" 2>&1 < /dev/null
+  # timeout stops the whole process group, tests included.
+  timeout "$limit" ctest --test-dir "$dir" -j2 --stop-on-failure "$@" > "$work/test.log" 2>&1 < /dev/null
 }
 first_failure() {
-  sed -n '/tests FAILED:/{n;s/^[[:space:]]*[0-9]* - //;s/ (.*//;p;q}' "$work/test.log"
+  sed -n '/tests FAILED:/{n;s/^[[:space:]]*[0-9]* - //;s/ (.*//;p;q}' "$work/test.log" | grep . || echo "stopped after ${limit}s"
 }
 
 build || { cat "$work/build.log" >&2; echo "the unbroken tree does not build" >&2; exit 1; }
+start=$(date +%s)
 run_tests "$@" || { cat "$work/test.log" >&2; echo "the unbroken tree fails its tests" >&2; exit 1; }
+limit=${MUTANTS_TIMEOUT:-$((($(date +%s) - start) * 3 + 30))}
 
 caught=0
 missed=0
