@@ -199,25 +199,45 @@ INSTANTIATE_TEST_SUITE_P(Paths, LaneCallbackTest,
                                            Reaction{"ReopenOnEncoderThread", kFakeOutputReturn, true},
                                            Reaction{"ReopenOnEncoderOwnThread", kFakeOutputCallbackThread, true}));
 
-TEST_F(LaneTest, ReleaseFreesNoRecordAFrameMayStillRead)
+TEST_F(LaneTest, ReleaseWaitsForTheFrameInsideAndThenFindsNoRecord)
 {
+    // The framework's callback holds a frame inside the intake while release runs.
+    static std::atomic<int> stage;
+    static std::atomic<bool> released;
+    static std::atomic<bool> releasedUnderneath;
+    stage = 0;
+    released = false;
+    releasedUnderneath = false;
+    const KxCmdCallback hold = [](const KxServiceIdDesc *identity, const KxCommand *message, void *) -> int32_t {
+        if (message->code != KX_MSG_CAMERA_FRAME) {
+            return UnitSink::CmdCallback(identity, message, nullptr);
+        }
+        auto *payload = static_cast<const KxCallbackPayload *>(message->output);
+        OutputCameraDataFree(static_cast<KxVideoAccessUnit *>(payload->data), nullptr);
+        stage = 1;
+        while (stage != 2) {
+            std::this_thread::yield();
+        }
+        std::this_thread::sleep_for(100ms);
+        releasedUnderneath = released.load();
+        return 0;
+    };
     ASSERT_EQ(SetParams("1", OpenParams(kWidth, kHeight, 2, 1)), 0);
     ASSERT_EQ(Send("1", KX_CMD_OPEN), 0);
+    const KxServiceIdDesc desc{"Camera_1", 8, 1};
+    ASSERT_EQ(table_.setCmdCb(&desc, hold, nullptr), 0);
     FakeCamera()->status.closeCamera = -7; // the vendor keeps delivering
-    std::atomic<bool> stop{false};
-    std::atomic<int32_t> lastStatus{0};
-    std::thread vendor([&] {
-        const Bytes unit(64, 1);
-        while (!stop) {
-            lastStatus = FakeCamera()->PushFrame("1", unit.data(), 64, kFakeOnVendorThread);
-        }
-    });
-    std::this_thread::sleep_for(20ms);
+    const Bytes unit(64, 1);
+    std::thread vendor([&] { FakeCamera()->PushFrame("1", unit.data(), 64); });
+    while (stage != 1) {
+        std::this_thread::yield();
+    }
+    stage = 2;
     EXPECT_EQ(Release(), 0);
-    std::this_thread::sleep_for(20ms);
-    stop = true;
+    released = true;
     vendor.join();
-    EXPECT_EQ(lastStatus, -5) << "after release no record is found";
+    EXPECT_FALSE(releasedUnderneath) << "the record went while a frame was inside";
+    EXPECT_EQ(FakeCamera()->PushFrame("1", unit.data(), 64), -5) << "after release no record is found";
     FakeCamera()->status.closeCamera = 0;
     ASSERT_EQ(table_.loadService(&callbacks_), 0); // for the fixture's own release
 }
