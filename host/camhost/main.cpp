@@ -369,6 +369,9 @@ int main(int argc, char **argv)
     if (serviceIds.empty() && !opt.list) {
         return Refuse("no camera named");
     }
+    if (serviceIds.size() > 1 && opt.output == "-") {
+        return Refuse("several cameras cannot share standard output");
+    }
     if (serviceIds.size() > 1 && !opt.output.empty() && opt.output.find("{id}") == std::string::npos) {
         return Refuse("several cameras cannot share one output; put {id} in --output (e.g. cam{id}.mp4)");
     }
@@ -430,6 +433,10 @@ int main(int argc, char **argv)
         if (!Negotiate(plan.offers, opt.format, plan.neg, error)) {
             return Refuse(serviceId + ": " + error);
         }
+        if (const std::string why = camhost::Unoffered(plan.offers, plan.neg.format, width, height, opt.fps);
+            !why.empty()) {
+            return Refuse(serviceId + ": " + why);
+        }
         const std::string vendorId = serviceId.substr(std::string("Camera_").size());
         std::string target = opt.output.empty() ? "camera{id}.mp4" : opt.output;
         for (size_t at = target.find("{id}"); at != std::string::npos; at = target.find("{id}", at)) {
@@ -444,9 +451,6 @@ int main(int argc, char **argv)
                                         "the plugin passes a rate change only to its own encoder");
         }
         plans.push_back(std::move(plan));
-    }
-    if (opt.output == "-" && plans.size() > 1) {
-        return Refuse("several cameras cannot share standard output");
     }
 
     // Set every camera up before any streams, so they run side by side.

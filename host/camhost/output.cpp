@@ -192,6 +192,20 @@ public:
             return false;
         }
         description_ = spec.target;
+        // A receiver needs the session description before the first packet;
+        // the parameter sets travel in-band with every key frame instead.
+        if (kind_ == Kind::kRtp) {
+            status = avformat_write_header(context_, nullptr);
+            if (status < 0) {
+                error = "cannot start " + spec.target + ": " + AvError(status);
+                return false;
+            }
+            headerWritten_ = true;
+            if (!WriteSdp()) {
+                error = writeError_;
+                return false;
+            }
+        }
         return true;
     }
 
@@ -200,13 +214,14 @@ public:
         if (failed_) {
             return false;
         }
-        if (!headerWritten_) {
+        if (!started_) {
             if (!key) {
                 return true; // nothing decodes before the first key frame
             }
-            if (!WriteHeader(unit)) {
+            if (!headerWritten_ && !WriteHeader(unit)) {
                 return Fail();
             }
+            started_ = true;
             firstUs_ = timeUs;
         }
         int64_t ts = av_rescale_q(timeUs - firstUs_, {1, 1000000}, stream_->time_base);
@@ -268,9 +283,6 @@ private:
             return false;
         }
         headerWritten_ = true;
-        if (kind_ == Kind::kRtp) {
-            return WriteSdp();
-        }
         return true;
     }
 
@@ -316,6 +328,7 @@ private:
     AVStream *stream_ = nullptr;
     AVPacket *packet_ = nullptr;
     bool headerWritten_ = false;
+    bool started_ = false;
     bool failed_ = false;
     int64_t firstUs_ = 0;
     int64_t lastTs_ = -1;
