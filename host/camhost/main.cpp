@@ -536,7 +536,7 @@ int main(int argc, char **argv)
         for (const auto &stream : streams) {
             total += stream->Figures().units;
             allDone = allDone && stream->done();
-            readerGone = readerGone || (stream->done() && stream->output()->readerGone());
+            readerGone = readerGone || stream->readerGone();
         }
         const uint64_t first = streams.front()->Figures().units;
         if (!changed && changeAt >= 0 && first >= static_cast<uint64_t>(changeAt)) {
@@ -599,7 +599,7 @@ int main(int argc, char **argv)
     std::vector<std::string> failures;
     for (const auto &stream : streams) {
         summary["cameras"].push_back(StreamJson(*stream, counters));
-        if (!stream->FinishOutput() && !stream->output()->readerGone()) {
+        if (!stream->FinishOutput() && !stream->readerGone()) {
             failures.push_back(stream->serviceId() + ": writing " + stream->output()->description() +
                                " failed: " + stream->output()->writeError());
         }

@@ -107,6 +107,12 @@ bool CameraStream::done() const
     return outputEnded_ || (limit_ != 0 && units_ >= limit_);
 }
 
+bool CameraStream::readerGone() const
+{
+    std::lock_guard lock(mutex_);
+    return outputEnded_ && output_ != nullptr && output_->readerGone();
+}
+
 bool CameraStream::FinishOutput()
 {
     std::lock_guard lock(mutex_);

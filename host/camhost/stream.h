@@ -65,6 +65,8 @@ public:
     StreamFigures Figures() const;
     // Written the units asked for, or the output took no more.
     bool done() const;
+    // The output took no more because its reader went away.
+    bool readerGone() const;
     // Completes the output; call once no callback can run any more.
     bool FinishOutput();
     // The stream from its last key frame on, for the snapshot.
