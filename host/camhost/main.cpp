@@ -2,7 +2,6 @@
 // camhost: plays the framework for the camera plugin. Loads it, announces its
 // cameras, negotiates, streams each chosen camera into a file or onto the
 // network, and reports what arrived.
-#include <dlfcn.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
