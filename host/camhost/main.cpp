@@ -427,7 +427,9 @@ int main(int argc, char **argv)
         if (host.Ability(serviceId, text) != 0) {
             return Refuse("no camera '" + serviceId + "' (see --list)");
         }
-        Plan plan{serviceId, {}, camhost::ReadOffers(camhost::ParseAbility(text)), {}};
+        Plan plan;
+        plan.serviceId = serviceId;
+        plan.offers = camhost::ReadOffers(camhost::ParseAbility(text));
         std::string error;
         if (!Negotiate(plan.offers, opt.format, plan.neg, error)) {
             return Refuse(serviceId + ": " + error);
