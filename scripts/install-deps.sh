@@ -11,6 +11,8 @@ libx264-dev libx265-dev"
 # camhost: option parsing, decoding for snapshots, PNG output.
 # ffmpeg: ffprobe judges the end-to-end streams.
 PACKAGES="$PACKAGES ffmpeg libcli11-dev libavcodec-dev libavutil-dev libswscale-dev libpng-dev"
+# camhost: containers and network output.
+PACKAGES="$PACKAGES libavformat-dev"
 # camhost's manual page is made from its --help.
 PACKAGES="$PACKAGES help2man"
 # jq: the compliance tests read the checker's JSON report.

@@ -23,7 +23,7 @@ sh scripts/install-deps.sh valgrind
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKXCAMERA_BUILD_TESTS=OFF -DKXCAMERA_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build "$build" -j2 --target camhost kxcamera kxcamera_camera_handler kxcamera_video_encoder
 
-# camhost writes camera0.h264 and camera1.h264 into the working directory.
+# camhost writes camera0.mp4 and camera1.mp4 into the working directory.
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM

@@ -7,5 +7,6 @@ cd "$(dirname "$0")/.."
 sh scripts/install-deps.sh
 cmake --preset release
 cmake --build --preset release -j2 --target camhost kxcamera_camera_handler kxcamera_video_encoder
-./build/release/bin/camhost
-echo "camera0.h264 written; try: ffprobe camera0.h264"
+mkdir -p out
+./build/release/bin/camhost -y -o out/camera0.mp4
+echo "out/camera0.mp4 written; try: ffprobe out/camera0.mp4"

@@ -69,6 +69,11 @@ bool PluginHost::Load(const std::string &path)
     return true;
 }
 
+void *PluginHost::Symbol(const char *name) const
+{
+    return library_ == nullptr ? nullptr : dlsym(library_, name);
+}
+
 bool PluginHost::LoadService()
 {
     // The plugin's callbacks carry no context of ours but the camera's user data.

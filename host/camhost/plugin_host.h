@@ -43,6 +43,8 @@ public:
     const std::vector<std::string> &services() const { return services_; }
     const std::string &error() const { return error_; }
     uint64_t version() const { return version_; }
+    // An optional export of the loaded plugin, or null.
+    void *Symbol(const char *name) const;
 
     // Per-camera commands; each returns the plugin's status.
     int32_t SetCallback(const std::string &serviceId, CameraSink sink);

@@ -3,37 +3,54 @@
 
 #include <algorithm>
 #include <chrono>
-#include <numeric>
+#include <cmath>
 
 #include "talvo/talvo.h"
 
 namespace camhost {
 
-CameraStream::CameraStream(std::string serviceId, int32_t codecType, bool keepBytes)
-    : serviceId_(std::move(serviceId)), codecType_(codecType), keepBytes_(keepBytes)
+int64_t LatencyHistogram::UpperEdgeUs(size_t bucket)
 {
+    constexpr size_t fine = kFineEndUs / kFineUs;
+    return bucket < fine ? static_cast<int64_t>(bucket + 1) * kFineUs
+                         : kFineEndUs + static_cast<int64_t>(bucket - fine + 1) * kCoarseUs;
 }
 
-CameraStream::~CameraStream()
+void LatencyHistogram::Add(int64_t us)
 {
-    if (ownsOut_ && out_ != nullptr) {
-        std::fclose(out_);
-    }
+    us = std::max<int64_t>(us, 0);
+    const size_t bucket = us < kFineEndUs ? static_cast<size_t>(us / kFineUs)
+                                          : std::min(kBuckets - 1, static_cast<size_t>(kFineEndUs / kFineUs +
+                                                                                       (us - kFineEndUs) / kCoarseUs));
+    ++buckets_[bucket];
+    ++count_;
+    sumUs_ += us;
 }
 
-bool CameraStream::OpenOutput(const std::string &path, std::string &error)
+double LatencyHistogram::MeanMs() const
 {
-    if (path == "-") {
-        out_ = stdout;
-        return true;
+    return count_ == 0 ? 0 : static_cast<double>(sumUs_) / static_cast<double>(count_) / 1e3;
+}
+
+double LatencyHistogram::QuantileMs(double fraction) const
+{
+    if (count_ == 0) {
+        return 0;
     }
-    out_ = std::fopen(path.c_str(), "wb");
-    if (out_ == nullptr) {
-        error = "cannot write " + path;
-        return false;
+    const auto rank = static_cast<uint64_t>(std::ceil(fraction * static_cast<double>(count_)));
+    uint64_t seen = 0;
+    for (size_t bucket = 0; bucket < kBuckets; ++bucket) {
+        seen += buckets_[bucket];
+        if (seen >= std::max<uint64_t>(rank, 1)) {
+            return static_cast<double>(UpperEdgeUs(bucket)) / 1e3;
+        }
     }
-    ownsOut_ = true;
-    return true;
+    return static_cast<double>(kCoarseEndUs) / 1e3;
+}
+
+CameraStream::CameraStream(std::string serviceId, int32_t codecType, uint64_t limit, bool keepLastPicture)
+    : serviceId_(std::move(serviceId)), codecType_(codecType), limit_(limit), keepLastPicture_(keepLastPicture)
+{
 }
 
 void CameraStream::OnMessage(const CameraMessage &message)
@@ -49,32 +66,57 @@ void CameraStream::OnMessage(const CameraMessage &message)
 void CameraStream::Consume(const KxVideoAccessUnit *unit)
 {
     const int64_t now = TALVOSystemTimeUs();
-    const bool key = HasKeyFrame(unit->data, static_cast<size_t>(std::max(unit->length, 0)), codecType_);
+    const size_t length = static_cast<size_t>(std::max(unit->length, 0));
+    const bool key = HasKeyFrame(unit->data, length, codecType_);
     {
         std::lock_guard lock(mutex_);
-        if (out_ != nullptr && unit->length > 0 &&
-            std::fwrite(unit->data, 1, static_cast<size_t>(unit->length), out_) != static_cast<size_t>(unit->length)) {
-            writeFailed_ = true;
+        if (outputEnded_ || (limit_ != 0 && units_ >= limit_)) {
+            return;
         }
-        if (keepBytes_ && unit->length > 0) {
-            kept_.insert(kept_.end(), unit->data, unit->data + unit->length);
+        if (output_ != nullptr && length > 0 && !output_->Write({unit->data, length}, unit->timeStamp, key)) {
+            outputEnded_ = true;
+        }
+        if (keepLastPicture_ && length > 0) {
+            if (key) {
+                kept_.clear();
+            }
+            kept_.insert(kept_.end(), unit->data, unit->data + length);
         }
         if (units_ == 0) {
             firstUs_ = now;
         }
         lastUs_ = now;
         ++units_;
-        bytes_ += static_cast<uint64_t>(std::max(unit->length, 0));
+        bytes_ += length;
         idrUnits_ += key ? 1 : 0;
-        latenciesUs_.push_back(now - unit->timeStamp);
+        latency_.Add(now - unit->timeStamp);
     }
     arrived_.notify_all();
 }
 
-bool CameraStream::WaitUnits(uint64_t units, int timeoutMs)
+void CameraStream::WaitUnits(uint64_t units, int timeoutMs)
 {
     std::unique_lock lock(mutex_);
-    return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return units_ >= units; });
+    arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                      [&] { return units_ >= units || outputEnded_ || (limit_ != 0 && units_ >= limit_); });
+}
+
+bool CameraStream::done() const
+{
+    std::lock_guard lock(mutex_);
+    return outputEnded_ || (limit_ != 0 && units_ >= limit_);
+}
+
+bool CameraStream::readerGone() const
+{
+    std::lock_guard lock(mutex_);
+    return outputEnded_ && output_ != nullptr && output_->readerGone();
+}
+
+bool CameraStream::FinishOutput()
+{
+    std::lock_guard lock(mutex_);
+    return output_ == nullptr || output_->Finish();
 }
 
 StreamFigures CameraStream::Figures() const
@@ -85,17 +127,13 @@ StreamFigures CameraStream::Figures() const
     figures.bytes = bytes_;
     figures.idrUnits = idrUnits_;
     figures.seconds = units_ > 1 ? static_cast<double>(lastUs_ - firstUs_) / 1e6 : 0;
-    if (!latenciesUs_.empty()) {
-        std::vector<int64_t> sorted = latenciesUs_;
-        std::sort(sorted.begin(), sorted.end());
-        figures.meanLatencyMs =
-            static_cast<double>(std::accumulate(sorted.begin(), sorted.end(), int64_t{0})) / sorted.size() / 1e3;
-        figures.p99LatencyMs = static_cast<double>(sorted[(sorted.size() - 1) * 99 / 100]) / 1e3;
-    }
+    figures.meanLatencyMs = latency_.MeanMs();
+    figures.p50LatencyMs = latency_.QuantileMs(0.50);
+    figures.p99LatencyMs = latency_.QuantileMs(0.99);
     return figures;
 }
 
-std::vector<uint8_t> CameraStream::Bytes() const
+std::vector<uint8_t> CameraStream::LastPictureBytes() const
 {
     std::lock_guard lock(mutex_);
     return kept_;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "catalog.h"
+#include "encoder_link.h"
 #include "vendor_common.h"
 
 namespace kxvcam {
@@ -97,10 +98,21 @@ void Stream::SetRate(uint32_t fps)
         fps_ = fps;
     }
     wake_.notify_all();
+    if (encoder_ == nullptr) {
+        kxvendor::WithEncoderLink([&](const kxvendor::EncoderLink &link) {
+            link.setFrameRate(settings_.width, settings_.height, fps);
+        });
+    }
 }
 
+// A raw camera has no encoder of its own: the encoder that takes its frames does it.
 void Stream::RequestKeyFrame()
 {
+    if (encoder_ == nullptr) {
+        kxvendor::WithEncoderLink(
+            [&](const kxvendor::EncoderLink &link) { link.requestKeyFrame(settings_.width, settings_.height); });
+        return;
+    }
     const std::lock_guard lock(mutex_);
     keyFrameRequested_ = true;
 }

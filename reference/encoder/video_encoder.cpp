@@ -6,10 +6,13 @@
 // each may be driven from a thread of its own. Output is synchronous
 // (asynOutput 0): Process fills the output record and the output callback
 // given at creation is kept but never called, so no unit is posted twice.
+#include <algorithm>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <vector>
 
+#include "encoder_link.h"
 #include "kxcamera/video_encoder.h"
 #include "vendor_common.h"
 #include "x264_session.h"
@@ -44,6 +47,11 @@ constexpr KxVencAbility kAbility = {
 
 std::atomic<int32_t> g_instances{0};
 
+struct Instance;
+// Live instances, for the camera library's requests (encoder_link.h).
+std::mutex g_liveMutex;
+std::vector<Instance *> g_live;
+
 struct Instance {
     uint32_t width;
     uint32_t height;
@@ -52,9 +60,56 @@ struct Instance {
     KxVencOutputCallback outputCallback; // kept for the record; output is synchronous
     X264Session session;
     std::vector<uint8_t> unit; // the last access unit, lent through bsBuf
+    // Requests from the camera library, taken by the next Process on the
+    // encoding thread, so x264 is only ever touched there.
+    std::atomic<bool> keyFrameRequested{false};
+    std::atomic<uint32_t> requestedFps{0};
 
-    ~Instance() { g_instances.fetch_sub(1); }
+    ~Instance()
+    {
+        {
+            const std::lock_guard lock(g_liveMutex);
+            std::erase(g_live, this);
+        }
+        g_instances.fetch_sub(1);
+    }
 };
+
+template <typename Apply>
+void ForLiveInstances(uint32_t width, uint32_t height, Apply &&apply)
+{
+    const std::lock_guard lock(g_liveMutex);
+    for (Instance *instance : g_live) {
+        if (instance->width == width && instance->height == height) {
+            apply(*instance);
+        }
+    }
+}
+
+void RequestKeyFrame(uint32_t width, uint32_t height)
+{
+    ForLiveInstances(width, height, [](Instance &instance) { instance.keyFrameRequested = true; });
+}
+
+void SetFrameRate(uint32_t width, uint32_t height, uint32_t fps)
+{
+    if (fps != 0 && fps <= kMaxFps) {
+        ForLiveInstances(width, height, [fps](Instance &instance) { instance.requestedFps = fps; });
+    }
+}
+
+// Reopens x264 at the camera's new rate with the same bit rates.
+int32_t ApplyRequestedRate(Instance &instance)
+{
+    const uint32_t fps = instance.requestedFps.exchange(0);
+    if (fps == 0 || fps == instance.session.settings().fps) {
+        return kOk;
+    }
+    X264Settings settings = instance.session.settings();
+    settings.fps = fps;
+    settings.keyInterval = 2 * fps;
+    return instance.session.Open(settings);
+}
 
 int32_t GetAbility(KxVencAbility *abilities, uint32_t capacity, uint32_t *num)
 {
@@ -92,6 +147,10 @@ int32_t Create(void **handle, const KxVencCreateParams *params)
     if (instance == nullptr) {
         g_instances.fetch_sub(1);
         return kNoMemory;
+    }
+    {
+        const std::lock_guard lock(g_liveMutex);
+        g_live.push_back(instance.get());
     }
     *handle = instance.release();
     return kOk;
@@ -136,8 +195,12 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     if (!instance.session.IsOpen()) {
         return kNotReady;
     }
+    if (const int32_t status = ApplyRequestedRate(instance); status != kOk) {
+        return status;
+    }
+    const bool forceIdr = (flags & kFlagForceIdr) != 0 || instance.keyFrameRequested.exchange(false);
     const std::span<const uint8_t> frame(input->data, input->length);
-    const int32_t status = instance.session.Encode(frame, (flags & kFlagForceIdr) != 0, instance.unit);
+    const int32_t status = instance.session.Encode(frame, forceIdr, instance.unit);
     if (status != kOk) {
         return status;
     }
@@ -174,6 +237,11 @@ static_assert(sizeof(kTable) == 5 * sizeof(void *), "the video encoder handler h
 
 } // namespace
 } // namespace kxvendor
+
+extern "C" KX_VENDOR_EXPORT const kxvendor::EncoderLink TALVOReferenceEncoderLink = {
+    kxvendor::RequestKeyFrame,
+    kxvendor::SetFrameRate,
+};
 
 extern "C" KX_VENDOR_EXPORT int32_t TALVOGetVideoEncoderHandler(KxVideoEncoderHandler *handler)
 {

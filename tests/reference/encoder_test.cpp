@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "av_decode.h"
+#include "kxcamera/camera_handler.h"
 #include "pattern.h"
 #include "vendor_library.h"
 
@@ -229,6 +230,62 @@ TEST_F(EncoderLibrary, ReconfiguringKeepsTheStreamDecodable)
     const std::vector<bool> expected = {true, false, false, false, false, false, true, false,
                                         true, false, false, false};
     EXPECT_EQ(idr, expected);
+}
+
+// The plugin sends key-frame requests and rate changes to the camera only;
+// the raw camera passes them on to the encoder instances of its frame size,
+// and to no other.
+TEST_F(EncoderLibrary, RawCameraReachesItsEncoderThroughThePrivateLink)
+{
+    constexpr uint32_t w = 640;
+    constexpr uint32_t h = 480;
+    kxtest::VendorLibrary cameraLibrary(KXCAMERA_TEST_CAMERA_LIB);
+    KxCameraHandler cam{};
+    ASSERT_EQ(cameraLibrary.Fill(KX_CAMERA_HANDLER_GETTER, cam), 0);
+    const KxCameraOpenParams params{"0", 1, w, h, 30, KX_DATA_FMT_NV21, 0};
+    ASSERT_EQ(cam.OpenCamera("0", 1, [](const char *, uint32_t, const uint8_t *, uint32_t) { return 0; }),
+              0);
+    ASSERT_EQ(cam.StartCamera(&params), 0);
+    Instance linked;
+    Instance otherSize;
+    ASSERT_EQ(Open(linked, w, h, KX_CSP_I420, 30, 400000), 0);
+    ASSERT_EQ(Open(otherSize, 320, 240, KX_CSP_I420, 30, 400000), 0);
+    auto source = PatternGenerator::Create(PixelFormat::kI420, w, h);
+    std::vector<uint8_t> small = Render(320, 240);
+    uint64_t index = 0;
+    // Bytes of `count` frames, and whether the first was an IDR.
+    auto encode = [&](int count, bool &firstIdr) {
+        size_t bytes = 0;
+        for (int i = 0; i < count; ++i) {
+            std::vector<uint8_t> frame = NoisyFrame(*source, index++);
+            KxVencOutput output;
+            EXPECT_EQ(Encode(linked.handle, frame, w, h, KX_CSP_I420, 0, output), 0);
+            bytes += static_cast<size_t>(output.bsLength);
+            firstIdr = i == 0 ? kxtest::HasIdr(Codec::kH264, {output.bsBuf, static_cast<size_t>(output.bsLength)})
+                              : firstIdr;
+        }
+        return bytes;
+    };
+    bool idr = false;
+    encode(10, idr);
+    const size_t at30 = encode(20, idr);
+    KxVencOutput output;
+    ASSERT_EQ(Encode(otherSize.handle, small, 320, 240, KX_CSP_I420, 0, output), 0);
+
+    ASSERT_EQ(cam.BusinessControl(1, nullptr, 0, nullptr, 0), 0);
+    encode(1, idr);
+    EXPECT_TRUE(idr) << "the key-frame request did not reach the encoder";
+    encode(1, idr);
+    EXPECT_FALSE(idr);
+    ASSERT_EQ(Encode(otherSize.handle, small, 320, 240, KX_CSP_I420, 0, output), 0);
+    EXPECT_FALSE(kxtest::HasIdr(Codec::kH264, {output.bsBuf, static_cast<size_t>(output.bsLength)}));
+
+    // Half the rate at the same bit rate: twice the bytes per frame.
+    ASSERT_EQ(cam.UpdateConfig("0", 1, 1, "15", 2), 0);
+    encode(10, idr);
+    const size_t at15 = encode(20, idr);
+    EXPECT_GT(static_cast<double>(at15), 1.7 * static_cast<double>(at30)) << at30 << " then " << at15;
+    EXPECT_EQ(cam.CloseCamera("0", 1), 0);
 }
 
 TEST_F(EncoderLibrary, InstancesEncodeIndependentlyOnTheirOwnThreads)
