@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "kxcamera/video_encoder.h"
+#include "slowdown.h"
 #include "vendor_common.h"
 #include "x264_session.h"
 
@@ -52,6 +53,8 @@ struct Instance {
     KxVencOutputCallback outputCallback; // kept for the record; output is synchronous
     X264Session session;
     std::vector<uint8_t> unit; // the last access unit, lent through bsBuf
+    Slowdown slowdown;
+    uint64_t frames; // Process calls so far, which the slowdown counts in
 
     ~Instance() { g_instances.fetch_sub(1); }
 };
@@ -88,7 +91,7 @@ int32_t Create(void **handle, const KxVencCreateParams *params)
     }
     auto instance = std::unique_ptr<Instance>(new (std::nothrow) Instance{
         params->width, params->height, static_cast<int32_t>(params->mColorType), params->privateData,
-        params->outputCallback, {}, {}});
+        params->outputCallback, {}, {}, Slowdown::FromEnvironment(), 0});
     if (instance == nullptr) {
         g_instances.fetch_sub(1);
         return kNoMemory;
@@ -136,6 +139,7 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     if (!instance.session.IsOpen()) {
         return kNotReady;
     }
+    instance.slowdown.Hold(instance.frames++);
     const std::span<const uint8_t> frame(input->data, input->length);
     const int32_t status = instance.session.Encode(frame, (flags & kFlagForceIdr) != 0, instance.unit);
     if (status != kOk) {
