@@ -345,6 +345,110 @@ void Target(const char *scenario, const std::string &what, bool met)
 double Intervals(int64_t us) { return static_cast<double>(us) / kIntervalUs; }
 double Mb(uint64_t bytes) { return static_cast<double>(bytes) / 1e6; }
 
+// What one camera's run left behind, read before the plugin is released.
+struct Recording {
+    KxCameraFrameCounters counters{};
+    std::map<int64_t, int64_t> encodeUs; // the encoder's own time, by frame stamp
+    std::vector<Sink::Unit> units;
+    std::vector<int64_t> feedUs;
+    std::vector<RssSample> rss;
+    uint64_t queueCapBytes = 0;
+};
+
+bool Record(const Options &opt, uint64_t frameCount, const std::string &stream, Recording &out)
+{
+    const auto frames = MakeFrames(opt);
+    Plugin plugin;
+    std::string error;
+    if (frames.empty() || !plugin.Start(opt, 1, stream, error)) {
+        std::fprintf(stderr, "overload: %s\n", error.c_str());
+        return false;
+    }
+    if (!FeedPaced(plugin, frames, 1, frameCount, out.feedUs, out.rss) || !plugin.Drain()) {
+        std::fprintf(stderr, "overload: the plugin refused a frame or did not drain\n");
+        return false;
+    }
+    out.rss.push_back({TALVOSystemTimeUs(), kxbench::RssBytes()});
+    out.counters = plugin.Counters(0);
+    out.encodeUs = plugin.EncodeUs();
+    out.units = plugin.sink(0).Units();
+    out.queueCapBytes = plugin.queueCapBytes();
+    plugin.Release();
+    return true;
+}
+
+struct Figures {
+    uint64_t fed = 0;       // frames fed during the event
+    uint64_t delivered = 0; // of those, delivered
+    int64_t longestOutGapUs = 0;
+    uint64_t longestMissing = 0; // frames missing in a row
+    std::vector<double> addedMs; // over the event and the second after it
+    double encodeMs = 0;         // median encoder time during the event
+    double recoveryS = -1;       // from the event's end to full rate; < 0 never
+    uint64_t rssStart = 0;
+    uint64_t rssPeak = 0;
+    uint64_t rssSettled = 0; // 5 s into the event
+    uint64_t rssSettledPeak = 0;
+
+    double Share() const { return fed == 0 ? 0 : 100.0 * static_cast<double>(delivered) / static_cast<double>(fed); }
+};
+
+Figures Analyse(const Recording &r, int64_t eventStart, int64_t eventEnd)
+{
+    Figures f;
+    // A feed time falls between two stamps exactly when that frame went in
+    // between them: feeds are timed just before the intake stamps a frame.
+    auto fedBetween = [&](int64_t from, int64_t to) {
+        return static_cast<uint64_t>(std::lower_bound(r.feedUs.begin(), r.feedUs.end(), to) -
+                                     std::upper_bound(r.feedUs.begin(), r.feedUs.end(), from));
+    };
+    const auto &units = r.units;
+    std::vector<double> eventEncodeMs;
+    size_t fullRateFrom = units.size();
+    for (size_t i = 0; i < units.size(); ++i) {
+        const auto &unit = units[i];
+        const uint64_t missing = i == 0 ? 0 : fedBetween(units[i - 1].stampUs, unit.stampUs) - 1;
+        if (missing != 0 || fullRateFrom == units.size()) {
+            fullRateFrom = unit.outUs >= eventEnd ? i : units.size();
+        }
+        const bool inEvent = unit.stampUs >= eventStart && unit.stampUs < eventEnd;
+        if (inEvent) {
+            ++f.delivered;
+            f.longestMissing = std::max(f.longestMissing, missing);
+        }
+        if (i > 0 && unit.outUs > eventStart && unit.outUs <= eventEnd) {
+            f.longestOutGapUs = std::max(f.longestOutGapUs, unit.outUs - units[i - 1].outUs);
+        }
+        const auto found = r.encodeUs.find(unit.stampUs);
+        if (found == r.encodeUs.end()) {
+            continue;
+        }
+        if (unit.stampUs >= eventStart && unit.stampUs < eventEnd + 1000000) {
+            f.addedMs.push_back(static_cast<double>(unit.outUs - unit.stampUs - found->second) / 1000);
+        }
+        if (inEvent) {
+            eventEncodeMs.push_back(static_cast<double>(found->second) / 1000);
+        }
+    }
+    f.fed = fedBetween(eventStart - 1, eventEnd);
+    f.encodeMs = kxbench::Median(eventEncodeMs);
+    // Back at full rate once every frame is delivered again, for at least
+    // half a second before the run ends.
+    if (fullRateFrom < units.size() && units.back().outUs - units[fullRateFrom].outUs >= 500000) {
+        f.recoveryS = static_cast<double>(std::max<int64_t>(0, units[fullRateFrom].outUs - eventEnd)) / 1e6;
+    }
+    f.rssStart = r.rss.front().bytes;
+    for (const auto &sample : r.rss) {
+        f.rssStart = sample.us <= eventStart ? sample.bytes : f.rssStart;
+        f.rssPeak = std::max(f.rssPeak, sample.bytes);
+        if (sample.us >= eventStart + 5000000 && sample.us <= eventEnd) {
+            f.rssSettled = f.rssSettled == 0 ? sample.bytes : f.rssSettled;
+            f.rssSettledPeak = std::max(f.rssSettledPeak, sample.bytes);
+        }
+    }
+    return f;
+}
+
 // One camera through one scenario: a warm-up at full rate, then the encoder
 // slowed to `factor` times its capacity for a while or stalled once, then a
 // recovery at full rate. Returns 0, or 1 when the run itself failed.
@@ -354,7 +458,6 @@ int RunScenario(const Options &opt)
     const bool stall = opt.run == "stall";
     const auto warmUpFrames = static_cast<uint64_t>(opt.warmUp * kFps);
     const double eventSeconds = overload ? opt.overload : stall ? opt.stallMs / 1000.0 : 0;
-    const uint64_t total = warmUpFrames + static_cast<uint64_t>((eventSeconds + opt.recovery) * kFps);
     ClearSlowdown();
     uint32_t delayMs = 0;
     if (overload) {
@@ -370,47 +473,34 @@ int RunScenario(const Options &opt)
     }
     const std::string name = overload ? std::to_string(opt.factor) + "x" : opt.run;
     const std::string stream = opt.outputDir + "/overload-" + name + ".h264";
-    const auto frames = MakeFrames(opt);
-    Plugin plugin;
-    std::string error;
-    if (frames.empty() || !plugin.Start(opt, 1, stream, error)) {
-        std::fprintf(stderr, "overload: %s\n", error.c_str());
+    Recording r;
+    if (!Record(opt, warmUpFrames + static_cast<uint64_t>((eventSeconds + opt.recovery) * kFps), stream, r)) {
         return 1;
     }
-    std::vector<int64_t> feedUs;
-    std::vector<RssSample> rss;
-    if (!FeedPaced(plugin, frames, 1, total, feedUs, rss) || !plugin.Drain()) {
-        std::fprintf(stderr, "overload: the plugin refused a frame or did not drain\n");
-        return 1;
-    }
-    rss.push_back({TALVOSystemTimeUs(), kxbench::RssBytes()});
-    const KxCameraFrameCounters counters = plugin.Counters(0);
-    const auto encodeUs = plugin.EncodeUs();
-    const auto units = plugin.sink(0).Units();
-    plugin.Release();
 
     // The event runs from the first held-up encode's start to the last one's
     // end, as the encoder's own times show.
-    const int64_t slowUs = overload ? int64_t{delayMs} * 500 : int64_t{opt.stallMs} * 500;
     int64_t eventStart = 0;
     int64_t eventEnd = 0;
-    for (const auto &unit : units) {
-        const auto found = encodeUs.find(unit.stampUs);
-        if ((overload || stall) && found != encodeUs.end() && found->second >= slowUs) {
-            eventStart = eventStart == 0 ? unit.outUs - found->second : eventStart;
-            eventEnd = unit.outUs;
-        }
-    }
-    const uint64_t warmUpEnd = std::min<uint64_t>(warmUpFrames, feedUs.size() - 1);
     if (overload || stall) {
+        const int64_t slowUs = overload ? int64_t{delayMs} * 500 : int64_t{opt.stallMs} * 500;
+        for (const auto &unit : r.units) {
+            const auto found = r.encodeUs.find(unit.stampUs);
+            if (found != r.encodeUs.end() && found->second >= slowUs) {
+                eventStart = eventStart == 0 ? unit.outUs - found->second : eventStart;
+                eventEnd = unit.outUs;
+            }
+        }
         if (eventEnd == 0) {
             std::fprintf(stderr, "overload: the encoder was never held up; is the slow-down knob read?\n");
             return 1;
         }
     } else {
-        eventStart = feedUs[warmUpEnd];
-        eventEnd = units.empty() ? eventStart : units.back().outUs;
+        eventStart = r.feedUs[std::min<size_t>(warmUpFrames, r.feedUs.size() - 1)];
+        eventEnd = r.units.empty() ? eventStart : r.units.back().outUs;
     }
+    const Figures f = Analyse(r, eventStart, eventEnd);
+    const double p99 = Percentile(f.addedMs, 0.99);
 
     std::printf("scenario %s, %s at %u fps: %.0f s warm-up, %.1f s %s, %.0f s after\n", name.c_str(),
                 SizeText(opt).c_str(), kFps, opt.warmUp, static_cast<double>(eventEnd - eventStart) / 1e6,
@@ -419,104 +509,49 @@ int RunScenario(const Options &opt)
                          : "at full rate",
                 opt.recovery);
     std::printf("  frames: %llu in, %llu encoded, %llu dropped for overload, %llu dropped for errors\n",
-                static_cast<unsigned long long>(counters.framesIn),
-                static_cast<unsigned long long>(counters.framesEncoded),
-                static_cast<unsigned long long>(counters.droppedOverload),
-                static_cast<unsigned long long>(counters.droppedError));
-
-    // Delivered share and gaps inside the event; a feed time falls between
-    // two stamps exactly when that frame went in between them.
-    auto fedBetween = [&](int64_t from, int64_t to) {
-        return static_cast<uint64_t>(std::lower_bound(feedUs.begin(), feedUs.end(), to) -
-                                     std::upper_bound(feedUs.begin(), feedUs.end(), from));
-    };
-    uint64_t delivered = 0;
-    int64_t longestOutGap = 0;
-    uint64_t longestMissing = 0;
-    std::vector<double> addedMs;
-    std::vector<double> eventEncodeMs;
-    size_t fullRateFrom = units.size();
-    for (size_t i = 0; i < units.size(); ++i) {
-        const auto &unit = units[i];
-        const uint64_t missing = i == 0 ? 0 : fedBetween(units[i - 1].stampUs, unit.stampUs) - 1;
-        if (missing != 0 || fullRateFrom == units.size()) {
-            fullRateFrom = unit.outUs >= eventEnd ? i : units.size();
-        }
-        const bool inEvent = unit.stampUs >= eventStart && unit.stampUs < eventEnd;
-        if (inEvent) {
-            ++delivered;
-            longestMissing = std::max(longestMissing, missing);
-        }
-        if (i > 0 && unit.outUs > eventStart && unit.outUs <= eventEnd) {
-            longestOutGap = std::max(longestOutGap, unit.outUs - units[i - 1].outUs);
-        }
-        const auto found = encodeUs.find(unit.stampUs);
-        if (found != encodeUs.end() && unit.stampUs >= eventStart && unit.stampUs < eventEnd + 1000000) {
-            addedMs.push_back(static_cast<double>(unit.outUs - unit.stampUs - found->second) / 1000);
-        }
-        if (found != encodeUs.end() && inEvent) {
-            eventEncodeMs.push_back(static_cast<double>(found->second) / 1000);
-        }
-    }
-    const uint64_t fed = fedBetween(eventStart - 1, eventEnd);
-    const double share = fed == 0 ? 0 : 100.0 * static_cast<double>(delivered) / static_cast<double>(fed);
-    // Back at full rate once every frame is delivered again, for at least
-    // half a second before the run ends.
-    const bool recovered = fullRateFrom < units.size() && units.back().outUs - units[fullRateFrom].outUs >= 500000;
-    const double recoveryS =
-        recovered ? static_cast<double>(std::max<int64_t>(0, units[fullRateFrom].outUs - eventEnd)) / 1e6 : -1;
-    const double encodeMs = kxbench::Median(eventEncodeMs);
-    const double allowanceMs = 3 * kIntervalUs / 1000.0 + encodeMs;
-
-    uint64_t start = rss.front().bytes;
-    uint64_t peak = 0;
-    uint64_t settled = 0;
-    uint64_t settledPeak = 0;
-    for (const auto &sample : rss) {
-        start = sample.us <= eventStart ? sample.bytes : start;
-        peak = std::max(peak, sample.bytes);
-        if (sample.us >= eventStart + 5000000 && sample.us <= eventEnd) {
-            settled = settled == 0 ? sample.bytes : settled;
-            settledPeak = std::max(settledPeak, sample.bytes);
-        }
-    }
-    std::printf("  RSS: %.1f MB at the start, %.1f MB peak, %.1f MB at the end (queue bound %.1f MB)", Mb(start),
-                Mb(peak), Mb(rss.back().bytes), Mb(plugin.queueCapBytes()));
-    if (settled != 0) {
-        std::printf("; from 5 s in to the end of the event %.1f -> %.1f MB peak", Mb(settled), Mb(settledPeak));
+                static_cast<unsigned long long>(r.counters.framesIn),
+                static_cast<unsigned long long>(r.counters.framesEncoded),
+                static_cast<unsigned long long>(r.counters.droppedOverload),
+                static_cast<unsigned long long>(r.counters.droppedError));
+    std::printf("  RSS: %.1f MB at the start, %.1f MB peak, %.1f MB at the end (queue bound %.1f MB)",
+                Mb(f.rssStart), Mb(f.rssPeak), Mb(r.rss.back().bytes), Mb(r.queueCapBytes));
+    if (f.rssSettled != 0) {
+        std::printf("; from 5 s in to the end of the event %.1f -> %.1f MB peak", Mb(f.rssSettled),
+                    Mb(f.rssSettledPeak));
     }
     std::printf("\n  added latency (intake to output minus the encoder's %.2f ms median): p50 %.2f ms, p99 %.2f ms\n",
-                encodeMs, Percentile(addedMs, 0.5), Percentile(addedMs, 0.99));
+                f.encodeMs, Percentile(f.addedMs, 0.5), p99);
     std::printf("  delivered %llu of %llu frames (%.1f %%); longest gap at the output %.2f intervals, at most "
-                "%llu frames missing in a row; full rate %.3f s after the end\n",
-                static_cast<unsigned long long>(delivered), static_cast<unsigned long long>(fed), share,
-                Intervals(longestOutGap), static_cast<unsigned long long>(longestMissing), recoveryS);
+                "%llu frames missing in a row",
+                static_cast<unsigned long long>(f.delivered), static_cast<unsigned long long>(f.fed), f.Share(),
+                Intervals(f.longestOutGapUs), static_cast<unsigned long long>(f.longestMissing));
+    std::printf(overload || stall ? "; full rate %.3f s after the end\n" : "\n", f.recoveryS);
     std::string report;
-    const bool decodes = Decodes(stream, units.size(), report);
-    std::printf("  %s: %zu units, ffprobe: %s\n", stream.c_str(), units.size(), report.c_str());
+    const bool decodes = Decodes(stream, r.units.size(), report);
+    std::printf("  %s: %zu units, ffprobe: %s\n", stream.c_str(), r.units.size(), report.c_str());
 
     const char *tag = name.c_str();
     if (overload || stall) {
-        Target(tag, Format("peak RSS %.1f MB <= start %.1f MB + queue bound %.1f MB", Mb(peak), Mb(start),
-                           Mb(plugin.queueCapBytes())),
-               peak <= start + plugin.queueCapBytes());
-        Target(tag, Format("added latency p99 %.1f ms <= 3 intervals + one encode = %.1f ms",
-                           Percentile(addedMs, 0.99), allowanceMs),
-               !addedMs.empty() && Percentile(addedMs, 0.99) <= allowanceMs);
-        Target(tag, Format("full rate within 1 s of the end: %.3f s", recoveryS), recovered && recoveryS <= 1);
+        Target(tag, Format("peak RSS %.1f MB <= start %.1f MB + queue bound %.1f MB", Mb(f.rssPeak), Mb(f.rssStart),
+                           Mb(r.queueCapBytes)),
+               f.rssPeak <= f.rssStart + r.queueCapBytes);
+        const double allowanceMs = 3 * kIntervalUs / 1000.0 + f.encodeMs;
+        Target(tag, Format("added latency p99 %.1f ms <= 3 intervals + one encode = %.1f ms", p99, allowanceMs),
+               !f.addedMs.empty() && p99 <= allowanceMs);
+        Target(tag, Format("full rate within 1 s of the end: %.3f s", f.recoveryS),
+               f.recoveryS >= 0 && f.recoveryS <= 1);
     } else {
-        Target(tag, Format("no frame dropped: %llu of %llu delivered",
-                           static_cast<unsigned long long>(units.size()),
-                           static_cast<unsigned long long>(counters.framesIn)),
-               counters.droppedOverload + counters.droppedError == 0 && units.size() == counters.framesIn);
+        Target(tag, Format("no frame dropped: %zu of %llu delivered", r.units.size(),
+                           static_cast<unsigned long long>(r.counters.framesIn)),
+               r.counters.droppedOverload + r.counters.droppedError == 0 && r.units.size() == r.counters.framesIn);
     }
     if (overload && opt.factor == 2) {
         Target(tag, Format("%.1f %% >= 45 %% delivered, longest gap %.2f <= 3 intervals, %llu <= 2 missing in a row",
-                           share, Intervals(longestOutGap), static_cast<unsigned long long>(longestMissing)),
-               share >= 45 && longestOutGap <= 3 * kIntervalUs && longestMissing <= 2);
+                           f.Share(), Intervals(f.longestOutGapUs), static_cast<unsigned long long>(f.longestMissing)),
+               f.Share() >= 45 && f.longestOutGapUs <= 3 * kIntervalUs && f.longestMissing <= 2);
     }
     Target(tag, "output decodes without errors", decodes);
-    std::printf("encoder median %.3f ms\n", encodeMs);
+    std::printf("encoder median %.3f ms\n", f.encodeMs);
     return decodes ? 0 : 1;
 }
 
