@@ -50,6 +50,8 @@ constexpr int32_t kNegColorNv21 = 2;
 // One second of distinct frames, cycled: enough for x264 to see motion.
 constexpr size_t kDistinctFrames = kFps;
 constexpr int kDrainTimeoutMs = 20000;
+// FFmpeg reads up to 5 MB ahead to probe its input, 4 frames at 720p.
+constexpr uint64_t kFfmpegStartFrames = 6;
 // The plugin's encoder library offers at most this many instances.
 constexpr uint32_t kMaxCameras = 16;
 
@@ -576,16 +578,27 @@ int RunCapacityProbe(const Options &opt)
     }
     uint64_t dropped = 0;
     uint64_t delivered = 0;
+    // How long frames waited beside their encode, comparable with FFmpeg's.
+    std::vector<double> waits;
+    const auto encodeUs = plugin.EncodeUs();
     for (uint32_t i = 0; i < opt.cameras; ++i) {
         const KxCameraFrameCounters c = plugin.Counters(i);
         dropped += c.droppedOverload + c.droppedError;
-        delivered += plugin.sink(i).Count();
+        for (const auto &unit : plugin.sink(i).Units()) {
+            ++delivered;
+            const auto found = encodeUs.find(unit.stampUs);
+            if (found != encodeUs.end()) {
+                waits.push_back(Intervals(unit.outUs - unit.stampUs - found->second));
+            }
+        }
     }
     plugin.Release();
     const bool sustained = dropped == 0 && delivered == perCamera * opt.cameras;
-    std::printf("  plugin, %u cameras: %llu of %llu frames delivered, %llu dropped\n", opt.cameras,
-                static_cast<unsigned long long>(delivered),
-                static_cast<unsigned long long>(perCamera * opt.cameras), static_cast<unsigned long long>(dropped));
+    std::printf("  plugin, %u cameras: %llu of %llu frames delivered, %llu dropped; waits beside the encode p99 %.2f, "
+                "at most %.2f intervals\n",
+                opt.cameras, static_cast<unsigned long long>(delivered),
+                static_cast<unsigned long long>(perCamera * opt.cameras), static_cast<unsigned long long>(dropped),
+                Percentile(waits, 0.99), Percentile(waits, 1));
     return sustained ? 0 : 3;
 }
 
@@ -635,9 +648,14 @@ int WaitFor(pid_t pid)
 // N FFmpeg processes, each fed the same frames through a pipe at 30 fps with
 // the x264 settings of bench/peers.sh. A write that completes more than two
 // intervals after its time means a frame waited longer than the plugin lets
-// one wait before it drops it. Returns the latest write, in intervals; < 0
-// if a process failed.
-double FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
+// one wait before it drops it. Lateness in intervals; most < 0 if a process
+// failed.
+struct Waits {
+    double p99 = 0;
+    double most = -1;
+};
+
+Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
 {
     // A process that dies shows as a failed write, not as our death.
     std::signal(SIGPIPE, SIG_IGN);
@@ -660,29 +678,34 @@ double FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
         close(pipeFds[0]);
         fds.push_back(pipeFds[1]);
     }
-    std::vector<int64_t> latest(fds.size(), 0);
+    std::vector<std::vector<double>> late(fds.size());
+    std::vector<bool> broken(fds.size(), false);
     std::vector<std::thread> feeders;
     for (size_t i = 0; i < fds.size(); ++i) {
         feeders.emplace_back([&, i] {
-            // The clock starts once the process has taken its first frame.
+            // The clock starts once FFmpeg has read ahead for its probe and
+            // opened x264 on the first frame; the plugin is set up before any.
             auto start = Clock::now();
             for (uint64_t f = 0; f < perProcess; ++f) {
-                const auto due = start + std::chrono::microseconds((f * n + i) * kIntervalUs / n);
-                std::this_thread::sleep_until(due);
+                const uint64_t paced = f < kFfmpegStartFrames ? 0 : f - kFfmpegStartFrames;
+                const auto due = start + std::chrono::microseconds((paced * n + i) * kIntervalUs / n);
+                if (f >= kFfmpegStartFrames) {
+                    std::this_thread::sleep_until(due);
+                }
                 const auto &frame = frames[f % frames.size()];
                 for (size_t done = 0; done < frame.size();) {
                     const ssize_t w = write(fds[i], frame.data() + done, frame.size() - done);
                     if (w <= 0) {
-                        latest[i] = -1;
+                        broken[i] = true;
                         return;
                     }
                     done += static_cast<size_t>(w);
                 }
-                if (f == 0) {
+                if (f + 1 == kFfmpegStartFrames) {
                     start = Clock::now();
-                } else {
-                    latest[i] = std::max<int64_t>(
-                        latest[i], std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - due).count());
+                } else if (f >= kFfmpegStartFrames) {
+                    late[i].push_back(
+                        Intervals(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - due).count()));
                 }
             }
         });
@@ -691,11 +714,13 @@ double FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
         feeder.join();
     }
     bool ok = pids.size() == n;
+    std::vector<double> all;
     for (size_t i = 0; i < fds.size(); ++i) {
         close(fds[i]);
-        ok = WaitFor(pids[i]) == 0 && latest[i] >= 0 && ok;
+        ok = WaitFor(pids[i]) == 0 && !broken[i] && ok;
+        all.insert(all.end(), late[i].begin(), late[i].end());
     }
-    return ok ? Intervals(*std::max_element(latest.begin(), latest.end())) : -1;
+    return ok ? Waits{Percentile(all, 0.99), Percentile(all, 1)} : Waits{};
 }
 
 std::vector<std::string> ChildArgs(const Options &opt, const std::string &run)
@@ -727,18 +752,16 @@ int RunChild(std::vector<std::string> args, std::vector<std::string> &lines)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Largest count in [1, most] for which probe(n) holds, by bisection.
-template <typename Probe>
-uint32_t Capacity(uint32_t most, Probe probe)
-{
+// The largest count in [1, most] that holds, by bisection, one probe a step
+// so that two searches can take turns on the same machine.
+struct Bisection {
     uint32_t ok = 0;
-    uint32_t failed = most + 1;
-    while (failed - ok > 1) {
-        const uint32_t n = (ok + failed) / 2;
-        (probe(n) ? ok : failed) = n;
-    }
-    return ok;
-}
+    uint32_t failed;
+    explicit Bisection(uint32_t most) : failed(most + 1) {}
+    bool Done() const { return failed - ok <= 1; }
+    uint32_t Next() const { return (ok + failed) / 2; }
+    void Record(uint32_t n, bool holds) { (holds ? ok : failed) = n; }
+};
 
 int RunCapacity(const Options &opt, std::vector<std::string> &lines)
 {
@@ -749,24 +772,32 @@ int RunCapacity(const Options &opt, std::vector<std::string> &lines)
     std::printf("capacity, %s at %u fps, %.0f s per probe, no frame dropped or held more than 2 intervals:\n",
                 SizeText(opt).c_str(), kFps, opt.capacitySeconds);
     bool failed = false;
-    const uint32_t plugin = Capacity(kMaxCameras, [&](uint32_t n) {
-        std::vector<std::string> args = ChildArgs(opt, "capacity");
-        args.insert(args.end(), {"--cameras", std::to_string(n)});
-        const int status = RunChild(args, lines);
-        failed = failed || (status != 0 && status != 3);
-        return status == 0;
-    });
+    Bisection plugin(kMaxCameras);
     // FFmpeg has no such limit; twice the plugin's shows whether it is reached.
-    const uint32_t ffmpeg = Capacity(2 * kMaxCameras, [&](uint32_t n) {
-        const double late = FfmpegProbe(opt, n, kbps);
-        std::printf("  FFmpeg, %u processes: latest frame taken %.2f intervals after its time\n", n, late);
-        failed = failed || late < 0;
-        return late >= 0 && late <= 2;
-    });
+    Bisection ffmpeg(2 * kMaxCameras);
+    while (!plugin.Done() || !ffmpeg.Done()) {
+        if (!plugin.Done()) {
+            const uint32_t n = plugin.Next();
+            std::vector<std::string> args = ChildArgs(opt, "capacity");
+            args.insert(args.end(), {"--cameras", std::to_string(n)});
+            const int status = RunChild(args, lines);
+            failed = failed || (status != 0 && status != 3);
+            plugin.Record(n, status == 0);
+        }
+        if (!ffmpeg.Done()) {
+            const uint32_t n = ffmpeg.Next();
+            const Waits waits = FfmpegProbe(opt, n, kbps);
+            std::printf("  FFmpeg, %u processes: frames taken after their time p99 %.2f, at most %.2f intervals\n", n,
+                        waits.p99, waits.most);
+            std::fflush(stdout);
+            failed = failed || waits.most < 0;
+            ffmpeg.Record(n, waits.most >= 0 && waits.most <= 2);
+        }
+    }
     const std::string line = Format("capacity %s: plugin %u cameras%s, FFmpeg %u processes (ratio %.2f)\n",
-                                    SizeText(opt).c_str(), plugin,
-                                    plugin == kMaxCameras ? " (all the encoder library offers)" : "", ffmpeg,
-                                    ffmpeg == 0 ? 0.0 : static_cast<double>(plugin) / ffmpeg);
+                                    SizeText(opt).c_str(), plugin.ok,
+                                    plugin.ok == kMaxCameras ? " (all the encoder library offers)" : "", ffmpeg.ok,
+                                    ffmpeg.ok == 0 ? 0.0 : static_cast<double>(plugin.ok) / ffmpeg.ok);
     std::fputs(line.c_str(), stdout);
     lines.push_back(line);
     return failed ? 1 : 0;
