@@ -616,12 +616,16 @@ uint32_t PluginKbps(const Options &opt)
     return bitRate / 1000;
 }
 
-pid_t Spawn(const std::vector<std::string> &args, int stdinFd)
+// Starts args[0] from the PATH; a descriptor >= 0 becomes its stdin or stdout.
+pid_t Spawn(const std::vector<std::string> &args, int stdinFd, int stdoutFd = -1)
 {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (stdinFd >= 0) {
         posix_spawn_file_actions_adddup2(&actions, stdinFd, STDIN_FILENO);
+    }
+    if (stdoutFd >= 0) {
+        posix_spawn_file_actions_adddup2(&actions, stdoutFd, STDOUT_FILENO);
     }
     std::vector<char *> argv;
     for (const auto &arg : args) {
@@ -670,7 +674,7 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
         }
         const std::string k = std::to_string(kbps);
         pids.push_back(Spawn({"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-f", "rawvideo",
-                              "-pix_fmt", "nv21", "-s", SizeText(opt), "-r", "30", "-i", "pipe:0", "-c:v",
+                              "-pix_fmt", "nv21", "-s", SizeText(opt), "-r", std::to_string(kFps), "-i", "pipe:0", "-c:v",
                               "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-threads", "0",
                               "-thread_type", "slice", "-b:v", k + "k", "-maxrate", k + "k", "-bufsize",
                               std::to_string(kbps / 2) + "k", "-g", "60", "-f", "null", "-"},
@@ -679,7 +683,7 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
         fds.push_back(pipeFds[1]);
     }
     std::vector<std::vector<double>> late(fds.size());
-    std::vector<bool> broken(fds.size(), false);
+    std::vector<uint8_t> broken(fds.size(), 0); // one byte each: the feeders write them at once
     std::vector<std::thread> feeders;
     for (size_t i = 0; i < fds.size(); ++i) {
         feeders.emplace_back([&, i] {
@@ -696,7 +700,7 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
                 for (size_t done = 0; done < frame.size();) {
                     const ssize_t w = write(fds[i], frame.data() + done, frame.size() - done);
                     if (w <= 0) {
-                        broken[i] = true;
+                        broken[i] = 1;
                         return;
                     }
                     done += static_cast<size_t>(w);
@@ -717,7 +721,7 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
     std::vector<double> all;
     for (size_t i = 0; i < fds.size(); ++i) {
         close(fds[i]);
-        ok = WaitFor(pids[i]) == 0 && !broken[i] && ok;
+        ok = WaitFor(pids[i]) == 0 && broken[i] == 0 && ok;
         all.insert(all.end(), late[i].begin(), late[i].end());
     }
     return ok ? Waits{Percentile(all, 0.99), Percentile(all, 1)} : Waits{};
@@ -732,24 +736,27 @@ std::vector<std::string> ChildArgs(const Options &opt, const std::string &run)
 }
 
 // Runs a scenario in a child process; its output is passed on and kept.
-int RunChild(std::vector<std::string> args, std::vector<std::string> &lines)
+int RunChild(const std::vector<std::string> &args, std::vector<std::string> &lines)
 {
-    std::string command;
-    for (const auto &arg : args) {
-        command += "'" + arg + "' ";
-    }
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
         return -1;
     }
+    const pid_t pid = Spawn(args, -1, fds[1]);
+    close(fds[1]);
+    FILE *output = fdopen(fds[0], "r");
     char buffer[1024];
-    while (std::fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+    while (output != nullptr && std::fgets(buffer, sizeof(buffer), output) != nullptr) {
         std::fputs(buffer, stdout);
         std::fflush(stdout);
         lines.emplace_back(buffer);
     }
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (output != nullptr) {
+        std::fclose(output);
+    } else {
+        close(fds[0]);
+    }
+    return WaitFor(pid);
 }
 
 // The largest count in [1, most] that holds, by bisection, one probe a step
