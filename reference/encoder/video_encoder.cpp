@@ -14,6 +14,7 @@
 
 #include "encoder_link.h"
 #include "kxcamera/video_encoder.h"
+#include "slowdown.h"
 #include "vendor_common.h"
 #include "x264_session.h"
 
@@ -64,6 +65,8 @@ struct Instance {
     // encoding thread, so x264 is only ever touched there.
     std::atomic<bool> keyFrameRequested{false};
     std::atomic<uint32_t> requestedFps{0};
+    Slowdown slowdown;
+    uint64_t frames; // Process calls so far, which the slowdown counts in
 
     ~Instance()
     {
@@ -143,7 +146,7 @@ int32_t Create(void **handle, const KxVencCreateParams *params)
     }
     auto instance = std::unique_ptr<Instance>(new (std::nothrow) Instance{
         params->width, params->height, static_cast<int32_t>(params->mColorType), params->privateData,
-        params->outputCallback, {}, {}});
+        params->outputCallback, {}, {}, {}, {}, Slowdown::FromEnvironment(), 0});
     if (instance == nullptr) {
         g_instances.fetch_sub(1);
         return kNoMemory;
@@ -199,6 +202,7 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
         return status;
     }
     const bool forceIdr = (flags & kFlagForceIdr) != 0 || instance.keyFrameRequested.exchange(false);
+    instance.slowdown.Hold(instance.frames++);
     const std::span<const uint8_t> frame(input->data, input->length);
     const int32_t status = instance.session.Encode(frame, forceIdr, instance.unit);
     if (status != kOk) {
