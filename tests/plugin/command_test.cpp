@@ -53,10 +53,12 @@ TEST_F(CommandTest, CameraLifeAsTheFrameworkAndTheVendorSeeIt)
     ASSERT_EQ(controls.size(), 1u);
     EXPECT_EQ(controls[0].control, 1);
 
+    // Closed (3) and facing -1; a second close has nothing to report.
+    const Seen closed = {{4, ""}, {3, ""}, {1, "1"}, {2, "270"}, {1, "-1"}};
     ASSERT_EQ(Fw().Send("1", KX_CMD_CLOSE), 0);
+    EXPECT_EQ(Reports(), closed);
     ASSERT_EQ(Fw().Send("1", KX_CMD_CLOSE), 0);
-    // Closed (3) and facing -1 once: the second close had nothing to report.
-    EXPECT_EQ(Reports(), (Seen{{4, ""}, {3, ""}, {1, "1"}, {2, "270"}, {1, "-1"}}));
+    EXPECT_EQ(Reports(), closed);
     EXPECT_EQ(FakeCamera()->CallsTo("CloseCamera").size(), 2u);
 
     // A raw camera's lane takes a new rate at once.
