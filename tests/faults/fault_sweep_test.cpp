@@ -85,7 +85,7 @@ struct Outcome {
 
 class Life {
 public:
-    explicit Life(TalvoTestFn fn, uint32_t nth) : repairAfter_(fn == TALVO_FN_MUTEX_UNLOCK ? nth : 0), fn_(fn), nth_(nth) {}
+    Life(TalvoTestFn fn, uint32_t nth) : repairAfter_(fn == TALVO_FN_MUTEX_UNLOCK ? nth : 0), fn_(fn), nth_(nth) {}
     Outcome Go();
 
 private:
@@ -154,7 +154,9 @@ void Life::Push(size_t road, uint32_t index)
     const std::vector<uint8_t> unit = Unit(road, index);
     Step(FakeCamera()->PushFrame(kIds[road], unit.data(), static_cast<uint32_t>(unit.size())));
     const KxCameraService *record = records_[road];
-    for (uint32_t pass = 0; record != nullptr && record->laneGate != 0 && record->vencQueue.count != 0; ++pass) {
+    for (uint32_t pass = 0;
+         record != nullptr && __atomic_load_n(&record->laneGate, __ATOMIC_ACQUIRE) != 0 && record->vencQueue.count != 0;
+         ++pass) {
         ASSERT_LT(pass, kMaxPasses) << "a queued frame stayed in the queue";
         EncoderPacer::Get().Step(record);
         Settle();
@@ -230,7 +232,10 @@ Outcome Life::Go()
     }
     EXPECT_TRUE(threadsGone) << "a plugin thread outlived release";
     EXPECT_EQ(g_cameraModule.inited, 0);
-    EXPECT_TRUE(FakeCamera()->frameCallbacks.empty()) << "a camera is still open at the vendor";
+    {
+        std::lock_guard lock(FakeCamera()->mutex);
+        EXPECT_TRUE(FakeCamera()->frameCallbacks.empty()) << "a camera is still open at the vendor";
+    }
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 0u);
     EXPECT_EQ(TalvoTestOutstandingAllocs(), baseline) << "blocks taken and not given back";
     out_.pauses = EncoderPacer::Get().Pauses();

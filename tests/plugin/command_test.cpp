@@ -110,7 +110,8 @@ int32_t SetParamsThenCodec(const char *text)
 INSTANTIATE_TEST_SUITE_P(
     Commands, CommandRefusal,
     ::testing::Values(
-        CommandCase{"NoCommand", [] { return SendRaw("Camera_1", nullptr); }, -1000, 1, "camera set cmd params is null"},
+        CommandCase{"NoCommand", [] { return SendRaw("Camera_1", nullptr); }, -1000, 1,
+                    "camera set cmd params is null"},
         CommandCase{"NoId",
                     [] {
                         KxCommand command{};
@@ -135,8 +136,9 @@ INSTANTIATE_TEST_SUITE_P(
         CommandCase{"ParamsOfNoKind", [] { return Fw().SetParams("1", "{}"); }, -5, 1, "unknow params msg type, {}"},
         CommandCase{"ParamsWithoutHeight", [] { return Fw().SetParams("1", R"({"Width":8})"); }, -1001, 1,
                     R"(get CameraParams Height, paramString [{"Width":8}])"},
-        CommandCase{"LargestCodecKept", [] { return SetParamsThenCodec(R"({"Width":8,"Height":8,"ColorFormat":2,"CodecType":2})"); },
-                    2, 0, nullptr},
+        CommandCase{"LargestCodecKept",
+                    [] { return SetParamsThenCodec(R"({"Width":8,"Height":8,"ColorFormat":2,"CodecType":2})"); }, 2, 0,
+                    nullptr},
         CommandCase{"CodecBeyondTheLargestIsRaw",
                     [] { return SetParamsThenCodec(R"({"Width":8,"Height":8,"ColorFormat":2,"CodecType":3})"); }, 0, 2,
                     "set parameter of codec type (3) has over max video codec type (3), use default."},

@@ -33,7 +33,10 @@ Bytes Packet(const std::string &serviceId, uint32_t event, const char *ability =
 
 class EventsTest : public ServiceTest {
 protected:
-    static int32_t Other(const KxServiceIdDesc *i, const KxCommand *m, void *) { return Framework::CmdCallback(i, m, nullptr); }
+    static int32_t Other(const KxServiceIdDesc *i, const KxCommand *m, void *)
+    {
+        return Framework::CmdCallback(i, m, nullptr);
+    }
 };
 
 TEST_F(EventsTest, ReportsReachBothCallbacksAsTheFrameworkReadsThem)
@@ -103,7 +106,8 @@ constexpr char kSeventeen[] = "00000000000002050";
 INSTANTIATE_TEST_SUITE_P(
     Reports, ReportRefusal,
     ::testing::Values(
-        ReportCase{"StatusWithoutId", [] { return FakeCamera()->PushStatusRaw(nullptr, 1, 1); }, -2, 0, 1, "invalid id"},
+        ReportCase{"StatusWithoutId", [] { return FakeCamera()->PushStatusRaw(nullptr, 1, 1); }, -2, 0, 1,
+                   "invalid id"},
         ReportCase{"StatusOfEmptyId", [] { return FakeCamera()->PushStatusRaw("0", 0, 1); }, -2, 0, 1, "invalid id"},
         ReportCase{"UnknownStatus", [] { return FakeCamera()->PushStatus("0", 3); }, -2, 0, 1, "invalid status."},
         ReportCase{"StatusOfUnknownCamera", [] { return FakeCamera()->PushStatus("9", 1); }, 0, 0, 1,

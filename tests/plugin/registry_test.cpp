@@ -152,7 +152,9 @@ INSTANTIATE_TEST_SUITE_P(
                    },
                    0, nullptr},
         RecordCase{"ExtendInfoWithoutValue",
-                   [](KxCameraCapability &r, std::string &) { const_cast<KxExtendInfo *>(r.extendInfos)[0].value = nullptr; },
+                   [](KxCameraCapability &r, std::string &) {
+                       const_cast<KxExtendInfo *>(r.extendInfos)[0].value = nullptr;
+                   },
                    -13, "capabilities extendInfo 0 key or value is nullptr"}),
     [](const auto &info) { return std::string(info.param.name); });
 

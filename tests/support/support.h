@@ -121,6 +121,7 @@ private:
 
 inline Framework &Fw() { return Framework::Get(); }
 
+// The index of camera vendorId; its text lives until the next call on this thread.
 KxServiceIdDesc IndexOf(const std::string &vendorId);
 KxCameraService *Camera(const std::string &vendorId);
 KxCameraFrameCounters Counters(const std::string &vendorId);
