@@ -357,7 +357,6 @@ void PluginTest::SetUp()
 
 void PluginTest::TearDown()
 {
-    TalvoTestReset(); // no failure injected into the release
     if (Fw().table.releaseService != nullptr) {
         EXPECT_EQ(Fw().Release(), 0);
     }
