@@ -1,108 +1,116 @@
 // SPDX-License-Identifier: Apache-2.0
-// The entry point, its table, the version query and the global callback.
-#include "kxcamera/plugin.h"
-
+// Load and release as a framework does them, and the loads it must refuse.
 #include <cstring>
 
+#include "events/events.h"
 #include "support.h"
 
 namespace kxtest {
 namespace {
 
-class EntryTest : public PluginTest {};
+class FrameTest : public PluginTest {};
 
-TEST_F(EntryTest, TableHoldsTheEntryPointsInSlotOrderAndSlotEightEmpty)
-{
-    KxServiceHandler table;
-    std::memset(&table, 0xA5, sizeof(table)); // every slot must be written
-    ASSERT_EQ(TALVOGetCameraServiceHandler(&table), 0);
-    EXPECT_EQ(table.getVersion, &TALVOCameraGetVersion);
-    EXPECT_EQ(table.getCommand, &TALVOCameraGetCommand);
-    EXPECT_EQ(table.setGlbCmdCb, &TALVOCameraSetGlbCmdCb);
-    EXPECT_EQ(table.reserved8, nullptr);
-    // Filling twice gives the same table and touches no module state.
-    KxServiceHandler again{};
-    ASSERT_EQ(TALVOGetCameraServiceHandler(&again), 0);
-    EXPECT_EQ(std::memcmp(&table, &again, sizeof(table)), 0);
-    EXPECT_EQ(g_cameraModule.inited, 0);
-}
-
-TEST_F(EntryTest, VersionIsMajorOneBeforeAnyLoad)
+TEST_F(FrameTest, LoadAnnouncesReleaseTakesEverythingBackReloadWorks)
 {
     uint64_t version = 0;
-    ASSERT_EQ(TALVOCameraGetVersion(&version), 0);
-    EXPECT_EQ(version, 0x0001000000000000ULL);
-    EXPECT_EQ(version >> 48, KX_CAMREA_VRESION_MAJOR);
-    auto lines = LogsWithFormat("get camera version: 0x%0x");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].level, 4);
-    EXPECT_EQ(lines[0].func, "TALVOCameraGetVersion");
-}
+    ASSERT_EQ(TALVOGetCameraServiceHandler(&Fw().table), 0);
+    ASSERT_EQ(Fw().table.getVersion(&version), 0);
+    EXPECT_EQ(version, uint64_t{1} << 48);
+    for (int round = 0; round < 2; ++round) {
+        Fw().announced.clear();
+        ASSERT_EQ(Fw().Load(), 0) << DumpLogs();
+        ASSERT_EQ(g_cameraModule.inited, 1);
+        ASSERT_EQ(Fw().announced.size(), 2u);
+        for (size_t i = 0; i < 2; ++i) {
+            const Announced &a = Fw().announced[i];
+            EXPECT_EQ(a.id, "Camera_" + std::to_string(i));
+            EXPECT_EQ(a.idLen, 8u);
+            EXPECT_EQ(a.serviceType, 1u);
+            EXPECT_EQ(a.ops.setCommand, &TALVOCameraSetCommand);
+            EXPECT_EQ(a.ops.getCommand, &TALVOCameraGetCommand);
+            EXPECT_EQ(a.ops.setCmdCb, &TALVOCameraSetCmdCb);
+            EXPECT_EQ(a.ops.getCmdCb, &TALVOCameraGetCmdCb);
+        }
+        const auto listeners = FakeCamera()->CallsTo("RegisterListener");
+        ASSERT_EQ(listeners.size(), static_cast<size_t>(round + 1));
+        EXPECT_EQ(listeners.back().listener.updateServiceStatus, &CameraUpdateServiceStatus);
+        EXPECT_EQ(listeners.back().listener.updateServiceAction, &CameraUpdateServiceAction);
+        // A second load while loaded changes nothing.
+        EXPECT_EQ(Fw().Load(), 0);
+        EXPECT_EQ(Fw().announced.size(), 2u);
 
-TEST_F(EntryTest, VersionRefusesNullWithoutWriting)
-{
-    EXPECT_EQ(TALVOCameraGetVersion(nullptr), -13);
-    EXPECT_TRUE(HasLog(1, "get camera lib version failed, input version is NULL")) << DumpLogs();
-}
-
-TEST_F(EntryTest, GetCommandIgnoresItsArgumentsSilently)
-{
-    KxCommand command{};
-    command.code = 0xFFFFFFFFu;
-    EXPECT_EQ(TALVOCameraGetCommand(nullptr, nullptr), 0);
-    EXPECT_EQ(TALVOCameraGetCommand(nullptr, &command), 0);
-    EXPECT_EQ(command.output, nullptr);
-    EXPECT_TRUE(CapturedLogs().empty());
-}
-
-int32_t FirstGlobalCallback(const KxCommand *) { return 1; }
-int32_t SecondGlobalCallback(const KxCommand *) { return 2; }
-
-TEST_F(EntryTest, GlobalCallbackRefusedBeforeLoadAndLeftEmpty)
-{
-    EXPECT_EQ(TALVOCameraSetGlbCmdCb(nullptr, FirstGlobalCallback), -4);
-    EXPECT_EQ(g_cameraModule.glbCmdCb, nullptr);
-    EXPECT_TRUE(HasLog(1, "camera module is not init, please init first")) << DumpLogs();
-}
-
-TEST_F(EntryTest, GlobalCallbackStoredUnderTheLockAndReplaced)
-{
-    ASSERT_EQ(TALVOMutexInit(&g_cameraModule.lock), 0);
-    g_cameraModule.inited = 1;
-    const uint64_t locksBefore = TalvoTestCallCount(TALVO_FN_MUTEX_LOCK);
-    EXPECT_EQ(TALVOCameraSetGlbCmdCb(nullptr, FirstGlobalCallback), 0);
-    EXPECT_EQ(g_cameraModule.glbCmdCb, &FirstGlobalCallback);
-    EXPECT_EQ(TALVOCameraSetGlbCmdCb(reinterpret_cast<void *>(0x1), SecondGlobalCallback), 0);
-    EXPECT_EQ(g_cameraModule.glbCmdCb, &SecondGlobalCallback);
-    EXPECT_EQ(TalvoTestCallCount(TALVO_FN_MUTEX_LOCK) - locksBefore, 2u);
-    EXPECT_EQ(LogsWithFormat("TALVOcameraSetGlbCmdCb success").size(), 2u);
-    // A null callback is stored too, and the lock was released each time.
-    EXPECT_EQ(TALVOCameraSetGlbCmdCb(nullptr, nullptr), 0);
-    EXPECT_EQ(g_cameraModule.glbCmdCb, nullptr);
-    ASSERT_EQ(TALVOMutexLock(&g_cameraModule.lock), 0);
-    ASSERT_EQ(TALVOMutexUnlock(&g_cameraModule.lock), 0);
-    EXPECT_EQ(TALVOMutexDestroy(&g_cameraModule.lock), 0);
-}
-
-TEST_F(EntryTest, ExportedConstantsHoldTheirValues)
-{
-    const std::pair<int32_t, int32_t> constants[] = {
-        {DEFAULT_FPS, 30},           {DEFAULT_FRAME_RATE, 30},        {MAX_FRAME_RATE, 120},
-        {DEFAULT_I_INTERVAL, 60},    {VENC_SLEEP_MS, 3},              {MAX_VIDEO_DATA_LENGTH, 52428800},
-        {MAX_CAMERA_ABILITY_COUNT, 10}, {BITS_PER_PIXEL_12, 12},      {BITS_PER_PIXEL_16, 16},
-        {BITS_PER_PIXEL_24, 24},     {BIT_PER_BYTE, 8},               {MODULE_DEVICE, 3},
-        {DEVICE_SERVICE_TYPE_CAMERA, 1}, {CAMEAR_MODULE, 6},          {CAMERA_INT_STRING_LEN, 16},
-        {CAMERA_STATE_FACING, 1},    {CAMERA_STATE_DEGREE, 2},        {CAMERA_WD_CRYPTO_VERSION, 1},
-        {CAMREA_WD_CRYPTO_ABILITY, 1}, {CAMERA_WD_CRYPTO_ALG, 1},
-    };
-    for (const auto &[actual, expected] : constants) {
-        EXPECT_EQ(actual, expected);
+        Fw().Attach();
+        ASSERT_EQ(Fw().SetParams("0", OpenParams(64, 48, 2, 0)), 0) << DumpLogs();
+        ASSERT_EQ(Fw().Send("0", KX_CMD_OPEN), 0);
+        ASSERT_EQ(Fw().Send("1", KX_CMD_OPEN), 0);
+        ASSERT_EQ(FakeEncoder()->LiveInstances(), 1u);
+        const int64_t beforeRelease = TalvoTestOutstandingAllocs();
+        EXPECT_EQ(Fw().Release(), 0);
+        EXPECT_EQ(g_cameraModule.inited, 0);
+        EXPECT_EQ(g_cameraModule.eventsHandle, nullptr);
+        EXPECT_EQ(g_cameraModule.serviceList.count, 0u);
+        EXPECT_LT(TalvoTestOutstandingAllocs(), beforeRelease);
+        EXPECT_EQ(FakeEncoder()->LiveInstances(), 0u);
+        EXPECT_TRUE(FakeCamera()->frameCallbacks.empty()) << "every camera closed at the vendor";
+        EXPECT_EQ(Fw().Release(), 0) << "a second release is harmless";
+        EXPECT_EQ(Fw().Send("0", KX_CMD_OPEN), -1000);
     }
-    EXPECT_EQ(KX_CAMREA_VRESION_MAJOR, 1);
-    EXPECT_EQ(KX_CAMREA_VRESION_SUB, 0);
-    EXPECT_EQ(KX_CAMREA_VRESION_PATCH, 0);
-    EXPECT_EQ(KX_CAMREA_VRESION_BETA, 0);
+    EXPECT_EQ(TalvoTestOutstandingAllocs(), allocBaseline_);
 }
+
+// Loads a framework may attempt, and what it must see.
+struct LoadCase {
+    const char *name;
+    void (*arrange)(KxServiceCallbacks &callbacks);
+    bool noTable;
+    int32_t status;
+    bool inited;
+    int32_t level;
+    const char *message;
+};
+void PrintTo(const LoadCase &c, std::ostream *out) { *out << c.name; }
+
+class LoadRefusal : public PluginTest, public ::testing::WithParamInterface<LoadCase> {};
+
+TEST_P(LoadRefusal, StatusStateAndMessage)
+{
+    const LoadCase &c = GetParam();
+    ASSERT_EQ(TALVOGetCameraServiceHandler(&Fw().table), 0);
+    c.arrange(Fw().callbacks);
+    EXPECT_EQ(Fw().table.loadService(c.noTable ? nullptr : &Fw().callbacks), c.status);
+    EXPECT_EQ(g_cameraModule.inited, c.inited ? 1 : 0);
+    EXPECT_TRUE(HasLog(c.level, c.message)) << DumpLogs();
+    if (!c.inited) {
+        EXPECT_EQ(g_cameraModule.eventsHandle, nullptr) << "a load that stops takes its queue back";
+        EXPECT_TRUE(Fw().announced.empty());
+    } else {
+        EXPECT_EQ(Fw().announced.size(), 2u);
+    }
+}
+
+const auto kNoChange = [](KxServiceCallbacks &) {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Loads, LoadRefusal,
+    ::testing::Values(
+        LoadCase{"NoTable", kNoChange, true, -13, false, 1, "camera kx service callback is nullptr"},
+        LoadCase{"NoAddService", [](KxServiceCallbacks &c) { c.AddService = nullptr; }, false, -13, false, 1,
+                 "camera kx service callback AddService or DeleteService is invalid"},
+        LoadCase{"NoDeleteService", [](KxServiceCallbacks &c) { c.DeleteService = nullptr; }, false, -13, false, 1,
+                 "camera kx service callback AddService or DeleteService is invalid"},
+        LoadCase{"NoCameraLibrary", [](KxServiceCallbacks &) { SetVendorPath({kFakeEmptyDir, kFakeEncoderDir}); },
+                 false, 0, false, 4, "CameraInit falied, error code -13"},
+        LoadCase{"CameraLibraryWithoutGetter",
+                 [](KxServiceCallbacks &) { SetVendorPath({kFakeCameraNoGetterDir, kFakeEncoderDir}); }, false, 0,
+                 false, 4, "CameraInit falied, error code -13"},
+        LoadCase{"EncoderRefusesItsHandler", [](KxServiceCallbacks &) { FakeEncoder()->getterResult = -3; }, false, 0,
+                 true, 2, "CameraVEnc init falied, error code -2000"},
+        LoadCase{"EncoderLibraryWithoutGetter",
+                 [](KxServiceCallbacks &) { SetVendorPath({kFakeCameraDir, kFakeEncoderNoGetterDir}); }, false, 0,
+                 true, 1, "get AduioModuelApi failed, error code"},
+        LoadCase{"ListenerRefused", [](KxServiceCallbacks &) { FakeCamera()->status.registerListener = -8; }, false, 0,
+                 true, 1, "reg camera listener failed, error -8"}),
+    [](const auto &info) { return std::string(info.param.name); });
 
 } // namespace
 } // namespace kxtest
