@@ -169,12 +169,13 @@ TEST_P(CameraStreamTest, EveryDecodedPictureIsItsPatternFrame)
         break;
     case Delivery::kRtp: {
         // The receiver reads the session description as camhost writes it;
-        // RTP has no end, so it is stopped once camhost is done.
+        // RTP has no end, so it is stopped once camhost is done and the
+        // receiver, slower on a busy machine, has had time to catch up.
         const auto sdp = dir_ / "stream.sdp";
         ASSERT_EQ(::mkfifo(sdp.c_str(), 0600), 0);
         script = ffmpeg + "-protocol_whitelist file,rtp,udp -i " + sdp.string() + decodeTo + " & r=$!; " + camhost +
                  "rtp://127.0.0.1:" + std::to_string(port) + " -y --keyframe-at 2 --sdp " + sdp.string() +
-                 "; c=$?; sleep 1; kill -INT $r; wait $r; exit $c";
+                 "; c=$?; sleep 3; kill -INT $r; wait $r; exit $c";
         break;
     }
     case Delivery::kUdp:
@@ -199,8 +200,11 @@ TEST_P(CameraStreamTest, EveryDecodedPictureIsItsPatternFrame)
         ASSERT_EQ(pictures.size() % pictureBytes, 0u) << "pictures of another size";
         EXPECT_EQ(count, static_cast<size_t>(kFrames)) << run.output;
     } else {
+        // A receiver that starts listening late decodes from the next key
+        // frame on: the encoders make one every 60 frames, and the test asks
+        // for one at frame 2.
         EXPECT_LE(count, static_cast<size_t>(kFrames)) << run.output;
-        EXPECT_GE(count, static_cast<size_t>(kFrames - 4)) << run.output;
+        EXPECT_GE(count, static_cast<size_t>(kFrames - 8)) << run.output;
     }
     // As long as the recording took: kFrames / fps, unless the camera had to
     // skip frames.
