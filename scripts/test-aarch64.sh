@@ -32,7 +32,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 cmake --build "$build" -j2
 
 for lib in "$build/lib/libkxcamera.so" "$build/lib/libtalvo.so" "$build/bin/kxcamera-compliance"; do
-  description=$(file -b "$lib")
+  description=$(file -bL "$lib")
   echo "$lib: $description"
   case $description in
     *"ARM aarch64"*) ;;
