@@ -198,9 +198,10 @@ TEST_P(SelfEncodingCamera, UnitsDecodeToThePatternAndAKeyFrameRequestBringsAnIdr
     EXPECT_TRUE(kxtest::DecodesAlone(codec, units[0], 640, 480));
     EXPECT_EQ(keys, 1) << "the next key frame is due two seconds in";
     // A unit delivered or being encoded as the request comes in may still be a P frame.
-    const size_t requested = units.size();
+    const size_t requested = g_seen->Size();
     ASSERT_EQ(cam_.BusinessControl(1, nullptr, 0, nullptr, 0), 0);
     const Frames after = g_seen->Count(requested + 3);
+    ASSERT_EQ(after.size(), requested + 3);
     EXPECT_TRUE(std::any_of(after.begin() + static_cast<ptrdiff_t>(requested), after.end(),
                             [codec](const auto &u) { return kxtest::DecodesAlone(codec, u, 640, 480); }));
 }
