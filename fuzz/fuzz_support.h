@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
 
 // Fields are little-endian and read from the front, so that a seed can be
@@ -22,18 +21,14 @@ public:
     uint32_t U32() { return static_cast<uint32_t>(Take(4)); }
     int16_t I16() { return static_cast<int16_t>(U16()); }
     int32_t I32() { return static_cast<int32_t>(U32()); }
-
     // Up to n bytes; fewer when the input ends first.
     std::vector<uint8_t> Bytes(size_t n)
     {
-        const size_t count = n < Left() ? n : Left();
-        std::vector<uint8_t> out(data_ + pos_, data_ + pos_ + count);
+        const size_t count = n < size_ - pos_ ? n : size_ - pos_;
         pos_ += count;
-        return out;
+        return std::vector<uint8_t>(data_ + pos_ - count, data_ + pos_);
     }
-    std::vector<uint8_t> Rest() { return Bytes(Left()); }
-
-    size_t Left() const { return size_ - pos_; }
+    std::vector<uint8_t> Rest() { return Bytes(size_ - pos_); }
     bool Empty() const { return pos_ == size_; }
 
 private:

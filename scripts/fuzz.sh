@@ -14,7 +14,7 @@ seconds=${1:-120}
 runs=${2:-}
 build=build/fuzz
 # target:runs
-targets="ability_text:150000 neg_params:450000 color_convert:100000 vendor_reports:16000"
+targets="ability_text:70000 neg_params:450000 color_convert:100000 vendor_reports:16000"
 
 # clang and its runtimes (libFuzzer, sanitizers); llvm-14 symbolizes reports.
 sh scripts/install-deps.sh clang-14 libclang-rt-14-dev llvm-14

@@ -11,7 +11,7 @@ namespace {
 
 void *OpenKept(const char *dir, const char *file)
 {
-    std::string path = FakeLibraryPath(dir, file);
+    const std::string path = std::string(dir) + "/" + file;
     void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         std::fprintf(stderr, "cannot open %s: %s\n", path.c_str(), dlerror());
@@ -19,25 +19,18 @@ void *OpenKept(const char *dir, const char *file)
     return handle;
 }
 
-template <typename Fn>
-Fn Lookup(void *handle, const char *symbol)
+// The control behind `symbol`, or null with the reason on stderr.
+template <typename Control>
+Control *ControlOf(void *library, const char *symbol)
 {
-    if (handle == nullptr) {
-        return nullptr;
-    }
-    void *address = dlsym(handle, symbol);
-    if (address == nullptr) {
+    void *get = library == nullptr ? nullptr : dlsym(library, symbol);
+    if (library != nullptr && get == nullptr) {
         std::fprintf(stderr, "no %s: %s\n", symbol, dlerror());
     }
-    return reinterpret_cast<Fn>(address);
+    return get == nullptr ? nullptr : reinterpret_cast<Control *(*)()>(get)();
 }
 
 } // namespace
-
-std::string FakeLibraryPath(const char *dir, const char *file)
-{
-    return std::string(dir) + "/" + file;
-}
 
 void *FakeCameraLibrary()
 {
@@ -53,28 +46,23 @@ void *FakeEncoderLibrary()
 
 FakeCameraControl *FakeCamera()
 {
-    auto get = Lookup<FakeCameraGetControlFn>(FakeCameraLibrary(), FAKE_CAMERA_CONTROL_SYMBOL);
-    return get == nullptr ? nullptr : get();
+    return ControlOf<FakeCameraControl>(FakeCameraLibrary(), FAKE_CAMERA_CONTROL_SYMBOL);
 }
 
 FakeEncoderControl *FakeEncoder()
 {
-    auto get = Lookup<FakeEncoderGetControlFn>(FakeEncoderLibrary(), FAKE_ENCODER_CONTROL_SYMBOL);
-    return get == nullptr ? nullptr : get();
+    return ControlOf<FakeEncoderControl>(FakeEncoderLibrary(), FAKE_ENCODER_CONTROL_SYMBOL);
 }
 
 void SetVendorPath(std::initializer_list<const char *> dirs)
 {
-    if (dirs.size() == 0) {
-        unsetenv("TALVO_VENDOR_PATH");
-        return;
-    }
     std::string joined;
     for (const char *dir : dirs) {
-        if (dir != *dirs.begin()) {
-            joined += ':';
-        }
-        joined += dir;
+        joined += (joined.empty() ? "" : ":") + std::string(dir);
     }
-    setenv("TALVO_VENDOR_PATH", joined.c_str(), 1);
+    if (dirs.size() == 0) {
+        unsetenv("TALVO_VENDOR_PATH");
+    } else {
+        setenv("TALVO_VENDOR_PATH", joined.c_str(), 1);
+    }
 }

@@ -18,9 +18,6 @@ inline constexpr const char *kFakeEncoderDir = KXCAMERA_FAKE_ENCODER_DIR;
 inline constexpr const char *kFakeEncoderNoGetterDir = KXCAMERA_FAKE_ENCODER_NOGETTER_DIR;
 inline constexpr const char *kFakeEmptyDir = KXCAMERA_FAKE_EMPTY_DIR;
 
-// dir + "/" + file, the way the framework layer names a vendor library.
-std::string FakeLibraryPath(const char *dir, const char *file);
-
 // The normal variants, opened once by full path and kept open for the whole
 // process so their state outlives the plugin's own handle. Null on failure,
 // with dlerror() on stderr.

@@ -3,9 +3,6 @@
 // replays what the test scripted.
 #include "fake_camera.h"
 
-#include <cstring>
-#include <thread>
-
 namespace {
 
 // Static, not heap: a library unloaded by its last user takes its state along.
@@ -26,158 +23,98 @@ KxCameraCapability g_defaultCapabilities[] = {
     {"1", 1, 0, kAbilityH264, 1, 0, kExtendFront, 1, 0},
 };
 
-FakeCameraScript DefaultScript()
+FakeCameraCall CallWithId(const char *slot, const char *vendorId, uint32_t vendorIdLen)
 {
-    FakeCameraScript script;
-    script.capability.items = g_defaultCapabilities;
-    script.capability.num = 2;
-    return script;
-}
-
-std::string CopyText(const char *text, uint32_t len)
-{
-    return text == nullptr ? std::string() : std::string(text, len);
-}
-
-template <typename Fn>
-int32_t Deliver(FakeDelivery how, Fn fn)
-{
-    if (how == kFakeOnCaller) {
-        return fn();
-    }
-    int32_t result = 0;
-    std::thread vendor([&result, &fn] { result = fn(); });
-    vendor.join();
-    return result;
+    return {.slot = slot, .vendorId = FakeText(vendorId, vendorIdLen), .vendorIdLen = vendorIdLen};
 }
 
 int32_t OpenCamera(const char *vendorId, uint32_t vendorIdLen, KxFrameCallback callback)
 {
-    FakeCameraCall call{.slot = "OpenCamera"};
-    call.idNull = vendorId == nullptr;
-    call.vendorId = CopyText(vendorId, vendorIdLen);
-    call.vendorIdLen = vendorIdLen;
+    FakeCameraCall call = CallWithId("OpenCamera", vendorId, vendorIdLen);
     call.callback = callback;
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.openCamera;
-    if (call.result == 0) {
-        Control().frameCallbacks[call.vendorId] = callback;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record(call, [](FakeCameraCall &c) {
+        if (Control().status.openCamera == 0) {
+            Control().frameCallbacks[c.vendorId] = c.callback;
+        }
+        return Control().status.openCamera;
+    });
 }
 
 int32_t StartCamera(const KxCameraOpenParams *params)
 {
     FakeCameraCall call{.slot = "StartCamera"};
-    call.recordNull = params == nullptr;
     if (params != nullptr) {
+        call = CallWithId("StartCamera", params->vendorId, params->vendorIdLen);
         call.params = *params;
-        call.idNull = params->vendorId == nullptr;
-        call.vendorId = CopyText(params->vendorId, params->vendorIdLen);
-        call.vendorIdLen = params->vendorIdLen;
     }
-    std::lock_guard lock(Control().mutex);
-    call.result = call.recordNull ? kFakeBadArgument : Control().status.startCamera;
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record(call, [params](FakeCameraCall &) {
+        return params == nullptr ? kFakeBadArgument : Control().status.startCamera;
+    });
 }
 
 int32_t CloseCamera(const char *vendorId, uint32_t vendorIdLen)
 {
-    FakeCameraCall call{.slot = "CloseCamera"};
-    call.idNull = vendorId == nullptr;
-    call.vendorId = CopyText(vendorId, vendorIdLen);
-    call.vendorIdLen = vendorIdLen;
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.closeCamera;
-    if (call.result == 0) {
-        Control().frameCallbacks.erase(call.vendorId);
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record(CallWithId("CloseCamera", vendorId, vendorIdLen), [](FakeCameraCall &c) {
+        if (Control().status.closeCamera == 0) {
+            Control().frameCallbacks.erase(c.vendorId);
+        }
+        return Control().status.closeCamera;
+    });
 }
 
 int32_t UpdateConfig(const char *vendorId, uint32_t vendorIdLen, uint32_t item, const char *value,
                      uint32_t valueLen)
 {
-    FakeCameraCall call{.slot = "UpdateConfig"};
-    call.idNull = vendorId == nullptr;
-    call.vendorId = CopyText(vendorId, vendorIdLen);
-    call.vendorIdLen = vendorIdLen;
+    FakeCameraCall call = CallWithId("UpdateConfig", vendorId, vendorIdLen);
     call.item = item;
-    call.valueNull = value == nullptr;
-    call.value = CopyText(value, valueLen);
+    call.value = FakeText(value, valueLen);
     call.valueLen = valueLen;
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.updateConfig;
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record(call, [](FakeCameraCall &) { return Control().status.updateConfig; });
 }
 
 int32_t GetCameraCapability(KxCameraCapability **items, uint32_t *num)
 {
-    FakeCameraCall call{.slot = "GetCameraCapability"};
-    call.recordNull = items == nullptr || num == nullptr;
-    std::lock_guard lock(Control().mutex);
-    call.result = call.recordNull ? kFakeBadArgument : Control().capability.status;
-    if (!call.recordNull) {
+    return Control().Record({.slot = "GetCameraCapability"}, [=](FakeCameraCall &) {
+        if (items == nullptr || num == nullptr) {
+            return kFakeBadArgument;
+        }
         *items = Control().capability.items;
         *num = Control().capability.num;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+        return Control().capability.status;
+    });
 }
 
 int32_t Reserved5()
 {
-    FakeCameraCall call{.slot = "Reserved5"};
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.reserved5;
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record({.slot = "Reserved5"}, [](FakeCameraCall &) { return Control().status.reserved5; });
 }
 
 int32_t ReleaseCameraCapability(uint32_t kind, KxCameraCapability *items, uint32_t num)
 {
-    FakeCameraCall call{.slot = "ReleaseCameraCapability"};
-    call.kind = kind;
-    call.items = items;
-    call.num = num;
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.releaseCameraCapability;
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record({.slot = "ReleaseCameraCapability", .kind = kind, .items = items, .num = num},
+                            [](FakeCameraCall &) { return Control().status.releaseCameraCapability; });
 }
 
 int32_t RegisterListener(const KxServiceListener *listener)
 {
     FakeCameraCall call{.slot = "RegisterListener"};
-    call.recordNull = listener == nullptr;
-    if (listener != nullptr) {
-        call.listener = *listener;
-    }
-    std::lock_guard lock(Control().mutex);
-    call.result = call.recordNull ? kFakeBadArgument : Control().status.registerListener;
-    if (call.result == 0) {
-        Control().listener = call.listener;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    call.listener = listener == nullptr ? KxServiceListener{} : *listener;
+    return Control().Record(call, [listener](FakeCameraCall &c) {
+        if (listener == nullptr) {
+            return kFakeBadArgument;
+        }
+        if (Control().status.registerListener == 0) {
+            Control().listener = c.listener;
+        }
+        return Control().status.registerListener;
+    });
 }
 
 int32_t BusinessControl(int32_t control, void *in, uint32_t inLen, void *out, uint32_t outLen)
 {
-    FakeCameraCall call{.slot = "BusinessControl"};
-    call.control = control;
-    call.in = in;
-    call.inLen = inLen;
-    call.out = out;
-    call.outLen = outLen;
-    std::lock_guard lock(Control().mutex);
-    call.result = Control().status.businessControl;
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record(
+        {.slot = "BusinessControl", .control = control, .in = in, .inLen = inLen, .out = out, .outLen = outLen},
+        [](FakeCameraCall &) { return Control().status.businessControl; });
 }
 
 constexpr KxCameraHandler kTable = {
@@ -196,60 +133,16 @@ static_assert(sizeof(kTable) / sizeof(void (*)()) == kCamSlotCount, "the camera 
 void Reset()
 {
     std::lock_guard lock(Control().mutex);
-    static_cast<FakeCameraScript &>(Control()) = DefaultScript();
+    static_cast<FakeCameraScript &>(Control()) = FakeCameraScript{};
+    Control().capability.items = g_defaultCapabilities;
+    Control().capability.num = 2;
     static_cast<FakeCameraObserved &>(Control()) = FakeCameraObserved();
-}
-
-int32_t PushFrame(const char *vendorId, uint32_t vendorIdLen, const uint8_t *data, uint32_t length,
-                  FakeDelivery how)
-{
-    KxFrameCallback callback = nullptr;
-    {
-        std::lock_guard lock(Control().mutex);
-        auto it = Control().frameCallbacks.find(CopyText(vendorId, vendorIdLen));
-        if (it != Control().frameCallbacks.end()) {
-            callback = it->second;
-        }
-    }
-    if (callback == nullptr) {
-        return kFakeNotDelivered;
-    }
-    return Deliver(how, [&] { return callback(vendorId, vendorIdLen, data, length); });
-}
-
-KxServiceListener Listener()
-{
-    std::lock_guard lock(Control().mutex);
-    return Control().listener;
-}
-
-int32_t PushStatus(const char *id, uint32_t idLen, uint32_t status, FakeDelivery how)
-{
-    KxUpdateServiceStatus entry = Listener().updateServiceStatus;
-    if (entry == nullptr) {
-        return kFakeNotDelivered;
-    }
-    return Deliver(how, [&] { return entry(id, idLen, status); });
-}
-
-int32_t PushAction(const char *id, uint32_t idLen, uint32_t type, const char *value, uint32_t valueLen,
-                   FakeDelivery how)
-{
-    KxUpdateServiceAction entry = Listener().updateServiceAction;
-    if (entry == nullptr) {
-        return kFakeNotDelivered;
-    }
-    KxServiceAction action{};
-    action.type = type;
-    action.value = value;
-    action.valueLen = valueLen;
-    return Deliver(how, [&] { return entry(id, idLen, &action); });
 }
 
 struct Init {
     Init()
     {
-        Control().ops = {Reset, PushFrame, PushStatus, PushAction};
+        Control().reset = Reset;
         Reset();
     }
 } g_init;
@@ -264,19 +157,6 @@ extern "C" FAKE_EXPORT FakeCameraControl *FakeCameraGetControl()
 #ifndef FAKE_OMIT_GETTER
 extern "C" FAKE_EXPORT int32_t TALVOGetCameraHandler(KxCameraHandler *handler)
 {
-    std::lock_guard lock(Control().mutex);
-    FakeCameraCall call{.slot = KX_CAMERA_HANDLER_GETTER};
-    call.recordNull = handler == nullptr;
-    call.result = call.recordNull ? kFakeBadArgument : Control().getterResult;
-    if (handler != nullptr) {
-        *handler = kTable;
-        for (uint32_t slot = 0; slot < kCamSlotCount; ++slot) {
-            if ((Control().nullSlots & (1u << slot)) != 0) {
-                std::memset(reinterpret_cast<char *>(handler) + slot * sizeof(void *), 0, sizeof(void *));
-            }
-        }
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Getter(KX_CAMERA_HANDLER_GETTER, handler, kTable);
 }
 #endif

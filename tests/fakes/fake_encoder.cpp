@@ -7,6 +7,7 @@
 #include <cstring>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -27,78 +28,60 @@ void *NextHandle()
 
 int32_t GetAbility(KxVencAbility *abilities, uint32_t capacity, uint32_t *num)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderGetAbility"};
-    call.capacity = capacity;
-    call.argNull = abilities == nullptr || num == nullptr;
-    std::lock_guard lock(Control().mutex);
-    call.result = call.argNull ? kFakeBadArgument : Control().ability.status;
-    if (!call.argNull) {
-        uint32_t count = std::min({Control().ability.num, capacity, kFakeMaxAbilities});
-        std::copy_n(Control().ability.items.begin(), count, abilities);
-        *num = count;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Record({.slot = "VideoEncoderGetAbility", .capacity = capacity}, [=](FakeEncoderCall &) {
+        if (abilities == nullptr || num == nullptr) {
+            return kFakeBadArgument;
+        }
+        *num = std::min({Control().ability.num, capacity, kFakeMaxAbilities});
+        std::copy_n(Control().ability.items.begin(), *num, abilities);
+        return Control().ability.status;
+    });
 }
 
 int32_t Create(void **handle, const KxVencCreateParams *params)
 {
     FakeEncoderCall call{.slot = "VideoEncoderCreate"};
-    call.argNull = handle == nullptr || params == nullptr;
-    if (params != nullptr) {
-        call.create = *params;
-    }
-    std::lock_guard lock(Control().mutex);
-    call.result = call.argNull ? kFakeBadArgument : Control().status.create;
-    if (!call.argNull) {
-        if (call.result >= 0) {
+    call.create = params == nullptr ? KxVencCreateParams{} : *params;
+    return Control().Record(call, [=](FakeEncoderCall &c) {
+        if (handle == nullptr || params == nullptr) {
+            return kFakeBadArgument;
+        }
+        if (Control().status.create >= 0) {
             *handle = NextHandle();
             Control().instances[*handle] = FakeEncoderInstance{.params = *params};
             ++Control().created;
-            call.handleKnown = true;
+            c.handleKnown = true;
         } else if (Control().writeHandleOnFailure) {
             *handle = Control().failedCreateHandle;
         }
-        call.handle = *handle;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+        c.handle = *handle;
+        return Control().status.create;
+    });
 }
 
 int32_t Configure(void *handle, const KxVencConfigParams *params)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderConfigure"};
-    call.handle = handle;
-    call.argNull = params == nullptr;
-    if (params != nullptr) {
-        call.config = *params;
-    }
-    std::lock_guard lock(Control().mutex);
-    call.handleKnown = Control().instances.count(handle) != 0;
-    call.result = call.argNull || !call.handleKnown ? kFakeBadArgument : Control().status.configure;
-    Control().calls.push_back(call);
-    return call.result;
+    FakeEncoderCall call{.slot = "VideoEncoderConfigure", .handle = handle};
+    call.config = params == nullptr ? KxVencConfigParams{} : *params;
+    return Control().Record(call, [=](FakeEncoderCall &c) {
+        c.handleKnown = Control().instances.count(handle) != 0;
+        return params == nullptr || !c.handleKnown ? kFakeBadArgument : Control().status.configure;
+    });
 }
 
 int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxVencOutput *output)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderProcess"};
-    call.handle = handle;
-    call.flags = flags;
-    call.argNull = input == nullptr || output == nullptr;
+    FakeEncoderCall call{.slot = "VideoEncoderProcess", .handle = handle, .flags = flags};
+    std::unique_lock lock(Control().mutex);
     if (input != nullptr) {
         call.input = *input;
         call.inputHash = FakeHash(input->data, input->length);
-    }
-
-    std::unique_lock lock(Control().mutex);
-    auto it = Control().instances.find(handle);
-    call.handleKnown = it != Control().instances.end();
-    if (input != nullptr && input->data != nullptr) {
-        uint32_t head = std::min(input->length, Control().inputCopyBytes);
+        const uint32_t head = input->data == nullptr ? 0 : std::min(input->length, Control().inputCopyBytes);
         call.inputHead.assign(input->data, input->data + head);
     }
-    if (call.argNull || !call.handleKnown) {
+    auto it = Control().instances.find(handle);
+    call.handleKnown = it != Control().instances.end();
+    if (input == nullptr || output == nullptr || !call.handleKnown) {
         call.result = kFakeBadArgument;
         Control().calls.push_back(call);
         return call.result;
@@ -106,18 +89,14 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     call.result = Control().status.process;
 
     FakeEncoderInstance &instance = it->second;
-    KxVencOutput out{};
+    instance.bitstream = FakeEncoderBitstream(instance.frames++, input->data, input->length);
+    KxVencOutput out{instance.bitstream.data(), static_cast<int32_t>(instance.bitstream.size()), 0,
+                     input->timeStamp};
     if (Control().scriptedOutput.enabled) {
         out.bsBuf = Control().scriptedOutput.bsBuf;
         out.bsLength = Control().scriptedOutput.bsLength;
-    } else {
-        instance.bitstream = FakeEncoderBitstream(instance.frames, input->data, input->length);
-        out.bsBuf = instance.bitstream.data();
-        out.bsLength = static_cast<int32_t>(instance.bitstream.size());
     }
-    out.timeStamp = input->timeStamp;
-    ++instance.frames;
-    FakeEncoderOutputMode mode = Control().outputMode;
+    const FakeEncoderOutputMode mode = Control().outputMode;
     const auto delay = std::chrono::milliseconds(Control().processDelayMs);
     KxVencOutputCallback callback = instance.params.outputCallback;
     void *privateData = instance.params.privateData;
@@ -131,14 +110,12 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
         *output = out;
         break;
     case kFakeOutputCallback:
-        if (callback != nullptr) {
-            callback(&out, privateData);
-        }
-        break;
     case kFakeOutputCallbackThread:
         if (callback != nullptr) {
-            std::thread vendor([&] { callback(&out, privateData); });
-            vendor.join();
+            FakeDeliver(mode == kFakeOutputCallback ? kFakeOnCaller : kFakeOnVendorThread, [&] {
+                callback(&out, privateData);
+                return 0;
+            });
         }
         break;
     case kFakeOutputNone:
@@ -149,26 +126,15 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
 
 int32_t Destroy(void **handle)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderDestroy"};
-    call.argNull = handle == nullptr;
-    std::lock_guard lock(Control().mutex);
-    if (call.argNull) {
-        call.result = kFakeBadArgument;
-    } else if (*handle == nullptr) {
-        call.result = 0;
-    } else {
-        call.handle = *handle;
-        call.handleKnown = Control().instances.erase(*handle) != 0;
-        if (call.handleKnown) {
-            ++Control().destroyed;
-            call.result = Control().status.destroy;
-        } else {
-            call.result = kFakeBadArgument;
+    return Control().Record({.slot = "VideoEncoderDestroy"}, [=](FakeEncoderCall &c) {
+        if (handle == nullptr || *handle == nullptr) {
+            return handle == nullptr ? kFakeBadArgument : 0;
         }
-        *handle = nullptr;
-    }
-    Control().calls.push_back(call);
-    return call.result;
+        c.handle = std::exchange(*handle, nullptr);
+        c.handleKnown = Control().instances.erase(c.handle) != 0;
+        Control().destroyed += c.handleKnown ? 1 : 0;
+        return c.handleKnown ? Control().status.destroy : kFakeBadArgument;
+    });
 }
 
 constexpr KxVideoEncoderHandler kTable = {
@@ -188,7 +154,7 @@ void Reset()
 }
 
 struct Init {
-    Init() { Control().ops = {Reset}; }
+    Init() { Control().reset = Reset; }
 } g_init;
 
 } // namespace
@@ -201,19 +167,6 @@ extern "C" FAKE_EXPORT FakeEncoderControl *FakeEncoderGetControl()
 #ifndef FAKE_OMIT_GETTER
 extern "C" FAKE_EXPORT int32_t TALVOGetVideoEncoderHandler(KxVideoEncoderHandler *handler)
 {
-    std::lock_guard lock(Control().mutex);
-    FakeEncoderCall call{.slot = KX_VIDEO_ENCODER_GETTER};
-    call.argNull = handler == nullptr;
-    call.result = call.argNull ? kFakeBadArgument : Control().getterResult;
-    if (handler != nullptr) {
-        *handler = kTable;
-        for (uint32_t slot = 0; slot < kEncSlotCount; ++slot) {
-            if ((Control().nullSlots & (1u << slot)) != 0) {
-                std::memset(reinterpret_cast<char *>(handler) + slot * sizeof(void *), 0, sizeof(void *));
-            }
-        }
-    }
-    Control().calls.push_back(call);
-    return call.result;
+    return Control().Getter(KX_VIDEO_ENCODER_GETTER, handler, kTable);
 }
 #endif

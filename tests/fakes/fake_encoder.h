@@ -7,10 +7,6 @@
 #include <array>
 #include <cstdint>
 #include <map>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include "fake_common.h"
 #include "kxcamera/video_encoder.h"
@@ -70,15 +66,14 @@ struct FakeEncoderCall {
     // Configure, Process: the instance passed. Destroy: *handle on entry.
     // Create: what *handle held on return.
     void *handle = nullptr;
-    bool handleKnown = false;       // handle named a live instance of the fake
-    bool argNull = false;           // a required pointer argument was null
-    uint32_t capacity = 0;          // GetAbility
-    KxVencCreateParams create{};    // Create
-    KxVencConfigParams config{};    // Configure
-    KxVencInputFrame input{};       // Process
+    bool handleKnown = false;         // handle named a live instance of the fake
+    uint32_t capacity = 0;            // GetAbility
+    KxVencCreateParams create{};      // Create
+    KxVencConfigParams config{};      // Configure
+    KxVencInputFrame input{};         // Process
     std::vector<uint8_t> inputHead{}; // Process: first inputCopyBytes of input.data
-    uint32_t inputHash = 0;         // Process: FakeHash of all input.length bytes
-    uint32_t flags = 0;             // Process
+    uint32_t inputHash = 0;           // Process: FakeHash of all input.length bytes
+    uint32_t flags = 0;               // Process
 };
 
 // One live encoder instance; its handle is never dereferenced by the fake.
@@ -94,19 +89,8 @@ struct FakeEncoderScript {
     uint32_t nullSlots = 0; // bit n: the getter leaves slot n null
     // GetAbility writes min(num, capacity) of these and that count.
     struct {
-        std::array<KxVencAbility, kFakeMaxAbilities> items{{
-            {.codecType = 0,
-             .cspTypeMask = 1 << KX_CSP_I420,
-             .maxEncWidth = 4096,
-             .maxEncHeight = 4096,
-             .minEncWidth = 16,
-             .minEncHeigth = 16,
-             .widthAlign = 2,
-             .heightAlign = 2,
-             .ProfileMask = 1,
-             .maxCodecNum = 4,
-             .asynOutput = 0},
-        }};
+        // I420 only, 16 to 4096 in steps of 2, four instances, output returned.
+        std::array<KxVencAbility, kFakeMaxAbilities> items{{{0, 1 << KX_CSP_I420, 4096, 4096, 16, 16, 2, 2, 1, 4, 0}}};
         uint32_t num = 1;
         int32_t status = 0;
     } ability;
@@ -138,43 +122,15 @@ struct FakeEncoderObserved {
     uint32_t destroyed = 0;
 };
 
-struct FakeEncoderOps {
-    void (*reset)();
-};
-
-// Script fields while no vendor call can be in flight, or hold `mutex`.
-struct FakeEncoderControl : FakeEncoderScript, FakeEncoderObserved {
-    mutable std::mutex mutex;
-    FakeEncoderOps ops{};
-
-    // Defaults back, record cleared, instances forgotten.
-    void Reset() { ops.reset(); }
-
+struct FakeEncoderControl : FakeControl<FakeEncoderCall, FakeEncoderScript, FakeEncoderObserved> {
     size_t LiveInstances() const
     {
         std::lock_guard lock(mutex);
         return instances.size();
     }
-    std::vector<FakeEncoderCall> Calls() const
-    {
-        std::lock_guard lock(mutex);
-        return calls;
-    }
-    std::vector<FakeEncoderCall> CallsTo(std::string_view slot) const
-    {
-        std::vector<FakeEncoderCall> out;
-        std::lock_guard lock(mutex);
-        for (const auto &call : calls) {
-            if (call.slot == slot) {
-                out.push_back(call);
-            }
-        }
-        return out;
-    }
 };
 
 #define FAKE_ENCODER_CONTROL_SYMBOL "FakeEncoderGetControl"
-using FakeEncoderGetControlFn = FakeEncoderControl *(*)();
 
 extern "C" FAKE_EXPORT FakeEncoderControl *FakeEncoderGetControl();
 

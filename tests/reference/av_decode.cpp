@@ -2,7 +2,6 @@
 // Judging encoded output with libavcodec.
 #include "av_decode.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -14,15 +13,6 @@ extern "C" {
 namespace kxtest {
 namespace {
 
-void CopyPlane(const uint8_t *src, int linesize, int width, int height, std::vector<uint8_t> &dst)
-{
-    dst.resize(static_cast<size_t>(width) * height);
-    for (int row = 0; row < height; ++row) {
-        std::memcpy(dst.data() + static_cast<size_t>(row) * width, src + static_cast<ptrdiff_t>(row) * linesize,
-                    static_cast<size_t>(width));
-    }
-}
-
 double Psnr(const uint8_t *a, const uint8_t *b, size_t n)
 {
     double sum = 0;
@@ -30,10 +20,7 @@ double Psnr(const uint8_t *a, const uint8_t *b, size_t n)
         const double d = static_cast<double>(a[i]) - static_cast<double>(b[i]);
         sum += d * d;
     }
-    if (sum == 0) {
-        return 99.0;
-    }
-    return 10.0 * std::log10(255.0 * 255.0 / (sum / static_cast<double>(n)));
+    return sum == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / (sum / static_cast<double>(n)));
 }
 
 } // namespace
@@ -41,10 +28,7 @@ double Psnr(const uint8_t *a, const uint8_t *b, size_t n)
 Decoder::Decoder(Codec codec)
 {
     const AVCodec *decoder = avcodec_find_decoder(codec == Codec::kH264 ? AV_CODEC_ID_H264 : AV_CODEC_ID_HEVC);
-    if (decoder == nullptr) {
-        return;
-    }
-    context_ = avcodec_alloc_context3(decoder);
+    context_ = decoder == nullptr ? nullptr : avcodec_alloc_context3(decoder);
     if (context_ == nullptr) {
         return;
     }
@@ -62,7 +46,8 @@ Decoder::~Decoder()
     avcodec_free_context(&context_);
 }
 
-bool Decoder::Decode(std::span<const uint8_t> unit, std::vector<Picture> &pictures)
+bool Decoder::Decode(std::span<const uint8_t> unit, std::vector<std::vector<uint8_t>> &pictures, int width,
+                     int height, int *keys)
 {
     if (context_ == nullptr || unit.empty()) {
         return false;
@@ -74,22 +59,19 @@ bool Decoder::Decode(std::span<const uint8_t> unit, std::vector<Picture> &pictur
     packet->data = padded.data();
     packet->size = static_cast<int>(unit.size());
     bool ok = avcodec_send_packet(context_, packet) == 0;
-    while (ok) {
-        const int status = avcodec_receive_frame(context_, frame);
-        if (status == AVERROR(EAGAIN) || status == AVERROR_EOF) {
-            break;
+    int ignored = 0;
+    while (ok && avcodec_receive_frame(context_, frame) == 0) {
+        // A picture of another size or layout is a failure, not something to convert.
+        ok = frame->format == AV_PIX_FMT_YUV420P && frame->width == width && frame->height == height;
+        *(keys != nullptr ? keys : &ignored) += frame->key_frame;
+        std::vector<uint8_t> &out = pictures.emplace_back();
+        for (int plane = 0; ok && plane < 3; ++plane) {
+            const int w = plane == 0 ? width : width / 2;
+            for (int row = 0; row < (plane == 0 ? height : height / 2); ++row) {
+                const uint8_t *line = frame->data[plane] + static_cast<ptrdiff_t>(row) * frame->linesize[plane];
+                out.insert(out.end(), line, line + w);
+            }
         }
-        if (status < 0 || frame->format != AV_PIX_FMT_YUV420P) {
-            ok = false;
-            break;
-        }
-        Picture picture;
-        picture.width = frame->width;
-        picture.height = frame->height;
-        CopyPlane(frame->data[0], frame->linesize[0], frame->width, frame->height, picture.y);
-        CopyPlane(frame->data[1], frame->linesize[1], frame->width / 2, frame->height / 2, picture.u);
-        CopyPlane(frame->data[2], frame->linesize[2], frame->width / 2, frame->height / 2, picture.v);
-        pictures.push_back(std::move(picture));
         av_frame_unref(frame);
     }
     av_frame_free(&frame);
@@ -97,34 +79,11 @@ bool Decoder::Decode(std::span<const uint8_t> unit, std::vector<Picture> &pictur
     return ok;
 }
 
-std::vector<int> NalTypes(Codec codec, std::span<const uint8_t> unit)
+bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height)
 {
-    std::vector<int> types;
-    for (size_t i = 0; i + 3 < unit.size(); ++i) {
-        if (unit[i] == 0 && unit[i + 1] == 0 && unit[i + 2] == 1) {
-            const uint8_t header = unit[i + 3];
-            types.push_back(codec == Codec::kH264 ? header & 0x1F : (header >> 1) & 0x3F);
-            i += 3;
-        }
-    }
-    return types;
-}
-
-bool HasIdr(Codec codec, std::span<const uint8_t> unit)
-{
-    for (const int type : NalTypes(codec, unit)) {
-        if (codec == Codec::kH264 ? type == 5 : (type == 19 || type == 20)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool HasParameterSets(Codec codec, std::span<const uint8_t> unit)
-{
-    const std::vector<int> types = NalTypes(codec, unit);
-    const auto has = [&](int t) { return std::find(types.begin(), types.end(), t) != types.end(); };
-    return codec == Codec::kH264 ? has(7) && has(8) : has(32) && has(33) && has(34);
+    std::vector<std::vector<uint8_t>> pictures;
+    int keys = 0;
+    return Decoder(codec).Decode(unit, pictures, width, height, &keys) && pictures.size() == 1 && keys == 1;
 }
 
 std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_t> b, int width, int height)
@@ -135,14 +94,6 @@ std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_
     }
     return {Psnr(a.data(), b.data(), luma), Psnr(a.data() + luma, b.data() + luma, luma / 4),
             Psnr(a.data() + luma + luma / 4, b.data() + luma + luma / 4, luma / 4)};
-}
-
-std::vector<double> PlanePsnr(const Picture &picture, std::span<const uint8_t> i420)
-{
-    std::vector<uint8_t> packed(picture.y);
-    packed.insert(packed.end(), picture.u.begin(), picture.u.end());
-    packed.insert(packed.end(), picture.v.begin(), picture.v.end());
-    return PlanePsnr(packed, i420, picture.width, picture.height);
 }
 
 } // namespace kxtest

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Loads a reference vendor library by path, as the plugin does, and hands
-// out its operations table.
+// A reference vendor library loaded by path and filled through its getter,
+// as the plugin does. The library stays loaded for the rest of the process.
 #ifndef KXCAMERA_TESTS_VENDOR_VENDOR_LIBRARY_H
 #define KXCAMERA_TESTS_VENDOR_VENDOR_LIBRARY_H
 
@@ -10,33 +10,14 @@
 
 namespace kxtest {
 
-class VendorLibrary {
-public:
-    explicit VendorLibrary(const std::string &path) : handle_(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {}
-    ~VendorLibrary()
-    {
-        if (handle_ != nullptr) {
-            dlclose(handle_);
-        }
-    }
-    VendorLibrary(const VendorLibrary &) = delete;
-    VendorLibrary &operator=(const VendorLibrary &) = delete;
-
-    bool loaded() const { return handle_ != nullptr; }
-
-    // Fills `table` through the getter `name`; the getter's status, or -1
-    // when the library or the symbol is missing.
-    template <typename Table>
-    int Fill(const char *name, Table &table) const
-    {
-        using Getter = int (*)(Table *);
-        void *symbol = handle_ == nullptr ? nullptr : dlsym(handle_, name);
-        return symbol == nullptr ? -1 : reinterpret_cast<Getter>(symbol)(&table);
-    }
-
-private:
-    void *handle_;
-};
+// The getter's status, or -1 when the library or the symbol is missing.
+template <typename Table>
+int LoadVendor(const std::string &path, const char *getter, Table &table)
+{
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    void *symbol = library == nullptr ? nullptr : dlsym(library, getter);
+    return symbol == nullptr ? -1 : reinterpret_cast<int (*)(Table *)>(symbol)(&table);
+}
 
 } // namespace kxtest
 
