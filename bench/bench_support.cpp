@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Process figures, percentiles and unit counting for the benchmark programs.
 #include "bench_support.h"
 
 #include <dlfcn.h>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // GetAttribute: one top-level value of a JSON object, as text.
 #include <cstring>
 #include <string>

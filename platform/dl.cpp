@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Dynamic loading: vendor directories first, then the system search.
 #include <cstdio>
 #include <cstdlib>

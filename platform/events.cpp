@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework event queues: one worker thread per queue runs posted events in
 // post order.
 #include <condition_variable>

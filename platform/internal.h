@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Internals shared by the files of libtalvo.so: export control, the door to
 // the test controls and the counted heap.
 #pragma once

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework lists: doubly linked, circular through the head.
 #include <cstddef>
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Logging: the stderr sink and the diagnostics flight recorder.
 #include <array>
 #include <cstdarg>

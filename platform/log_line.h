@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Text of one stderr log line and the level threshold, kept apart from the
 // sink so that tests can check them without reading stderr.
 #pragma once

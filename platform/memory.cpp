@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // The framework heap: malloc with a count of outstanding blocks, and a small
 // cache of large blocks.
 //

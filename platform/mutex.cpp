@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework mutexes: a pthread mutex and its owner, kept inside the caller's
 // 64-byte record.
 #include <atomic>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework packets: a byte buffer filled front to back, integers in
 // network byte order.
 #include <cstring>

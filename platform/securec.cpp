@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Bounds-checked memory and text functions with the C11 Annex K contract,
 // over the C library.
 #include <cctype>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework text helpers: length, comparison, number parsing, masking.
 #include <climits>
 #include <cstdlib>

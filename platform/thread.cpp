@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Framework threads, sleeping and the monotonic clock.
 #include <atomic>
 #include <cstring>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Reads a camera's ability text into what camhost lists and checks against.
 #include "ability.h"
 
 #include <algorithm>

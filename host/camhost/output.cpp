@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Writes one camera's units to a bare stream, a timed container or the network.
 #include "output.h"
 
 #include <unistd.h>

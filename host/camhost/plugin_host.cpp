@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// The framework's side towards the plugin: loading, callbacks, commands.
 #include "plugin_host.h"
 
 #include <dlfcn.h>

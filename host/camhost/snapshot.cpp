@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// The last picture of an Annex B stream as a PNG.
 #include "snapshot.h"
 
 #include <png.h>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// One camera's stream on the host side: units in, figures and output out.
 #include "stream.h"
 
 #include <algorithm>

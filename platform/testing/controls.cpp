@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Call counting and one-shot failure injection, and the hooks that bring
 // them and the log capture into the framework calls.
 #include <array>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Capture of the plugin's log messages, with the route each one took.
 #include <atomic>
 #include <cstdio>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// The encoder library's deliberate slowness, read from the environment.
 #include "slowdown.h"
 
 #include <chrono>

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Paces a camera's encoder thread so that the fault sweep's counts are stable.
 #include "encoder_pacer.h"
 
 #include <chrono>

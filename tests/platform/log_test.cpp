@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Logging, dynamic loading and the test controls.
 #include <unistd.h>
 

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Memory and the structures built on it: the heap, packets and lists.
 #include <cstdint>
 #include <cstring>

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Text: comparison, numbers, id masking, JSON attributes and the
 // bounds-checked functions, each at its exact room boundary.
 #include "talvo/securec.h"

@@ -1,5 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-// Copyright (C) 2026 The kxcamera authors
 // Threads, mutexes and event queues; misuse reported as a status.
 #include <pthread.h>
 

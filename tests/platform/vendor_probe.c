@@ -1,5 +1,4 @@
 /* SPDX-License-Identifier: Apache-2.0 */
-/* Copyright (C) 2026 The kxcamera authors */
 /* Stand-in vendor library; each build answers its own PROBE_VALUE. */
 __attribute__((visibility("default"))) int TalvoProbeValue(void);
 

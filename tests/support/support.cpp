@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// Log capture, a clean module and the framework double every plugin suite uses.
 #include "support.h"
 
 #include <chrono>
