@@ -32,11 +32,12 @@
 // bytes u8 len (mod 70) and the bytes, for null a u8 length.
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 
 #include "command/command.h"
 #include "events/events.h"
@@ -86,36 +87,28 @@ int32_t CmdCallback(const KxServiceIdDesc *identity, const KxCommand *message, v
     FUZZ_CHECK(userData == &g_userData || userData == &g_getterUserData, "message %u with foreign user data",
                message->code);
     const auto *payload = static_cast<const KxCallbackPayload *>(message->output);
-    switch (message->code) {
-        case KX_MSG_CAMERA_FRAME:
-        case KX_MSG_BITSTREAM: {
-            auto *unit = static_cast<KxVideoAccessUnit *>(payload->data);
-            FUZZ_CHECK(unit != nullptr && unit->data != nullptr && unit->length >= 0 &&
-                           unit->dataType == KX_VIDEO_DATA_TYPE,
-                       "message %u with a malformed unit", message->code);
-            if (message->code == KX_MSG_CAMERA_FRAME) {
-                FUZZ_CHECK(message->outputLen == sizeof(KxCallbackPayload), "frame message of %u bytes",
-                           message->outputLen);
-                g_lastFrameLength = unit->length;
-                ++g_frames;
-            } else {
-                FUZZ_CHECK(unit->length > 0, "empty bitstream unit");
-            }
-            TalvoFree(unit->data);
-            TalvoFree(unit);
-            break;
-        }
-        case KX_MSG_BINARY_DATA:
-            FUZZ_CHECK(payload->data != nullptr && std::memchr(payload->data, '\0', payload->len) == nullptr,
-                       "binary data without its text, or with a NUL inside");
+    const uint32_t code = message->code;
+    if (code == KX_MSG_CAMERA_STATE || code == KX_MSG_BINARY_DATA) {
+        FUZZ_CHECK(message->outputLen == KX_STATE_PAYLOAD_LEN &&
+                       (code == KX_MSG_CAMERA_STATE ||
+                        (payload->data != nullptr && std::memchr(payload->data, '\0', payload->len) == nullptr)),
+                   "message %u of %u bytes, or binary data without its text", code, message->outputLen);
+        if (code == KX_MSG_BINARY_DATA) {
             TalvoFree(payload->data);
-            [[fallthrough]];
-        case KX_MSG_CAMERA_STATE:
-            FUZZ_CHECK(message->outputLen == KX_STATE_PAYLOAD_LEN, "message %u of %u bytes", message->code,
-                       message->outputLen);
-            break;
-        default:
-            FUZZ_CHECK(false, "unknown camera message code %u", message->code);
+        }
+    } else {
+        FUZZ_CHECK(code == KX_MSG_CAMERA_FRAME || code == KX_MSG_BITSTREAM, "unknown camera message code %u", code);
+        auto *unit = static_cast<KxVideoAccessUnit *>(payload->data);
+        FUZZ_CHECK(unit != nullptr && unit->data != nullptr && unit->dataType == KX_VIDEO_DATA_TYPE &&
+                       unit->length >= (code == KX_MSG_BITSTREAM ? 1 : 0) &&
+                       (code == KX_MSG_BITSTREAM || message->outputLen == sizeof(KxCallbackPayload)),
+                   "message %u with a malformed unit", code);
+        if (code == KX_MSG_CAMERA_FRAME) {
+            g_lastFrameLength = unit->length;
+            ++g_frames;
+        }
+        TalvoFree(unit->data);
+        TalvoFree(unit);
     }
     ++g_messages;
     return 0;
@@ -155,23 +148,11 @@ struct Harness {
     int64_t allocBaseline = 0;
 } g_h;
 
-int32_t AddService(const KxServiceIdDesc *, const KxServiceOps *)
-{
-    return 0;
-}
-
-int32_t DeleteService(const KxServiceIdDesc *)
-{
-    return 0;
-}
-
 int32_t Command(uint32_t camera, uint32_t code, void *input = nullptr, uint32_t inputLen = 0)
 {
     const KxServiceIdDesc index{kServiceIds[camera], 8, 1};
     KxCommand command{};
-    command.code = code;
-    command.input = input;
-    command.inputLen = inputLen;
+    std::tie(command.code, command.input, command.inputLen) = std::tie(code, input, inputLen);
     return g_h.table.setCommand(&index, &command);
 }
 
@@ -179,81 +160,43 @@ int32_t Command(uint32_t camera, uint32_t code, void *input = nullptr, uint32_t 
 // runs them one at a time in post order.
 void DrainEvents()
 {
-    struct Marker {
-        std::mutex mutex;
-        std::condition_variable ran;
-        bool done = false;
-    } marker;
-    auto run = [](uint32_t, void *raw) -> int32_t {
-        auto *m = static_cast<Marker *>(raw);
-        std::lock_guard lock(m->mutex);
-        m->done = true;
-        m->ran.notify_all();
-        return 0;
-    };
-    FUZZ_CHECK(TALVOEventsCall(g_cameraModule.eventsHandle, run, 0, &marker, nullptr) == 0,
-               "the module event queue refused the drain marker");
-    std::unique_lock lock(marker.mutex);
-    marker.ran.wait(lock, [&marker] { return marker.done; });
+    std::promise<void> ran;
+    std::future<void> done = ran.get_future();
+    auto run = [](uint32_t, void *raw) { return static_cast<std::promise<void> *>(raw)->set_value(), int32_t{0}; };
+    FUZZ_CHECK(TALVOEventsCall(g_cameraModule.eventsHandle, run, 0, &ran, nullptr) == 0, "no drain marker");
+    done.wait();
 }
 
 // An encoder thread takes and releases blocks at its own pace; the heap can
 // be compared across one operation only while none runs.
 void CheckHeapBack(int64_t before, const char *what)
 {
-    for (const KxCameraService *record : g_h.record) {
-        if (__atomic_load_n(&record->laneGate, __ATOMIC_ACQUIRE) != 0) {
-            return;
-        }
-    }
-    FUZZ_CHECK(TalvoTestOutstandingAllocs() == before, "%s left blocks behind", what);
+    const bool busy = std::any_of(std::begin(g_h.record), std::end(g_h.record),
+                                  [](auto *r) { return __atomic_load_n(&r->laneGate, __ATOMIC_ACQUIRE) != 0; });
+    FUZZ_CHECK(busy || TalvoTestOutstandingAllocs() == before, "%s left blocks behind", what);
 }
 
-// A vendor id as the listener gets it: a block of exactly idLen bytes, no
-// terminator, so that reading past it is caught.
-struct VendorId {
-    std::unique_ptr<char[]> block;
-    const char *id = nullptr;
-    uint32_t idLen = 0;
-};
-
-VendorId ReadVendorId(FuzzInput &in)
+// A block of exactly these bytes, no terminator, so that reading past it is
+// caught; never null, even when empty.
+template <typename T>
+std::unique_ptr<T[]> Block(const std::vector<uint8_t> &bytes)
 {
-    VendorId out;
-    const uint8_t kind = in.U8() % 4;
-    if (kind == 3) {
-        out.idLen = in.U8();
-        return out;
-    }
-    const std::vector<uint8_t> bytes =
-        kind == 2 ? in.Bytes(in.U8() % 70) : std::vector<uint8_t>{static_cast<uint8_t>(kVendorIds[kind][0])};
-    out.block = std::make_unique<char[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), out.block.get());
-    out.id = out.block.get();
-    out.idLen = static_cast<uint32_t>(bytes.size());
-    return out;
+    auto block = std::make_unique<T[]>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), block.get());
+    return block;
 }
 
 void OpFrame(FuzzInput &in)
 {
     const uint8_t sender = in.U8() % 4;
-    std::string text;
-    const char *id = sender < kCameraCount ? kVendorIds[sender] : nullptr;
-    if (sender == 2) {
-        const std::vector<uint8_t> bytes = in.Bytes(in.U8() % 70);
-        text.assign(bytes.begin(), bytes.end());
-        id = text.c_str();
-    }
+    const std::vector<uint8_t> name = sender == 2 ? in.Bytes(in.U8() % 70) : std::vector<uint8_t>{};
+    const std::string text(name.begin(), name.end());
+    const char *id = sender < kCameraCount ? kVendorIds[sender] : (sender == 2 ? text.c_str() : nullptr);
     const uint8_t mode = in.U8() % 3;
-    std::vector<uint8_t> bytes = mode == 0 ? in.Bytes(in.U16()) : std::vector<uint8_t>(mode == 2 ? 1 : 0);
+    const std::vector<uint8_t> bytes = mode == 0 ? in.Bytes(in.U16()) : std::vector<uint8_t>(mode == 2 ? 1 : 0);
     const uint32_t length = mode == 0 ? static_cast<uint32_t>(bytes.size())
                                       : (mode == 1 ? in.U32() : kMaxVideoData + 1 + in.U16());
-    // Exactly the delivered bytes, so that reading past them is caught.
-    std::unique_ptr<uint8_t[]> block;
-    if (mode != 1) {
-        block = std::make_unique<uint8_t[]>(bytes.size());
-        std::copy(bytes.begin(), bytes.end(), block.get());
-    }
+    const auto block = mode == 1 ? nullptr : Block<uint8_t>(bytes);
 
     const int64_t allocsBefore = TalvoTestOutstandingAllocs();
     const uint32_t messagesBefore = g_messages;
@@ -277,23 +220,25 @@ void OpFrame(FuzzInput &in)
 
 void OpReport(FuzzInput &in, bool action)
 {
-    const VendorId vendor = ReadVendorId(in);
+    const uint8_t kind = in.U8() % 4;
+    const std::vector<uint8_t> idBytes =
+        kind == 2 ? in.Bytes(in.U8() % 70) : std::vector<uint8_t>{static_cast<uint8_t>(kVendorIds[kind % 2][0])};
+    const auto idBlock = kind == 3 ? nullptr : Block<char>(idBytes);
+    const uint32_t idLen = kind == 3 ? in.U8() : static_cast<uint32_t>(idBytes.size());
     const uint8_t code = in.U8();
     const uint32_t value = code < 0xf0 ? code % (action ? 9 : 4) : in.U32();
     const int64_t allocsBefore = TalvoTestOutstandingAllocs();
     if (!action) {
-        (void)g_h.listener.updateServiceStatus(vendor.id, vendor.idLen, value);
+        (void)g_h.listener.updateServiceStatus(idBlock.get(), idLen, value);
     } else {
         const uint8_t flags = in.U8();
         const std::vector<uint8_t> text = in.Bytes(in.U8() % 24);
-        // Exactly valueLen bytes: the record carries a length, not a terminator.
-        auto valueBlock = std::make_unique<char[]>(text.size());
-        std::copy(text.begin(), text.end(), valueBlock.get());
+        const auto valueBlock = Block<char>(text);
         KxServiceAction report{};
         report.type = value;
         report.value = (flags & 1) != 0 ? nullptr : valueBlock.get();
         report.valueLen = static_cast<uint32_t>(text.size());
-        (void)g_h.listener.updateServiceAction(vendor.id, vendor.idLen, &report);
+        (void)g_h.listener.updateServiceAction(idBlock.get(), idLen, &report);
     }
     DrainEvents();
     CheckHeapBack(allocsBefore, action ? "an action report" : "a status report");
@@ -323,9 +268,8 @@ void OpParams(FuzzInput &in)
         const auto codec = static_cast<int8_t>(in.U8());
         const uint32_t width = in.U8() * 2u;
         const uint32_t height = in.U8() * 2u;
-        const uint8_t colour = in.U8();
         text = "{\"Width\":" + std::to_string(width) + ",\"Height\":" + std::to_string(height) +
-               ",\"ColorFormat\":" + std::to_string(colour) + ",\"CodecType\":" + std::to_string(codec) + "}";
+               ",\"ColorFormat\":" + std::to_string(in.U8()) + ",\"CodecType\":" + std::to_string(codec) + "}";
     } else if (kind == 1) {
         text = "{\"Fps\":" + std::to_string(in.U8()) + "}";
     } else if (kind == 3) {
@@ -356,11 +300,8 @@ void ResetCameras()
         g_h.record[camera]->negParams = KxNegParams{};
     }
     // The doubles record every call; only the calls of one input matter.
-    {
-        std::lock_guard lock(FakeCamera()->mutex);
-        FakeCamera()->calls.clear();
-    }
-    std::lock_guard lock(FakeEncoder()->mutex);
+    std::scoped_lock lock(FakeCamera()->mutex, FakeEncoder()->mutex);
+    FakeCamera()->calls.clear();
     FakeEncoder()->calls.clear();
 }
 
@@ -375,7 +316,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     SetVendorPath({kFakeCameraDir, kFakeEncoderDir});
 
     FUZZ_CHECK(TALVOGetCameraServiceHandler(&g_h.table) == 0, "no service table");
-    static const KxServiceCallbacks callbacks{AddService, DeleteService, nullptr};
+    static const KxServiceCallbacks callbacks{[](const KxServiceIdDesc *, const KxServiceOps *) { return 0; },
+                                              [](const KxServiceIdDesc *) { return 0; }, nullptr};
     FUZZ_CHECK(g_h.table.loadService(&callbacks) == 0 && g_cameraModule.inited == 1, "service load failed");
     FUZZ_CHECK(g_h.table.setGlbCmdCb(nullptr, GlbCallback) == 0, "global callback refused");
     {
