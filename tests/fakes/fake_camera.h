@@ -9,20 +9,6 @@
 #include "fake_common.h"
 #include "kxcamera/camera_handler.h"
 
-// Slot numbers of the camera handler table, for nullSlots.
-enum FakeCameraSlot : uint32_t {
-    kCamOpenCamera = 0,
-    kCamStartCamera,
-    kCamCloseCamera,
-    kCamUpdateConfig,
-    kCamGetCameraCapability,
-    kCamReserved5,
-    kCamReleaseCameraCapability,
-    kCamRegisterListener,
-    kCamBusinessControl,
-    kCamSlotCount,
-};
-
 // One call into the fake, arguments copied at the time of the call. Only the
 // fields of the called slot are set; pointers are kept as values, never read later.
 struct FakeCameraCall {
@@ -50,23 +36,17 @@ struct FakeCameraCall {
 // What the fake does; Reset() brings every field back to these defaults.
 struct FakeCameraScript {
     int32_t getterResult = 0;
-    uint32_t nullSlots = 0; // bit n: the getter leaves slot n null
     struct {
         int32_t openCamera = 0;
-        int32_t startCamera = 0;
         int32_t closeCamera = 0;
-        int32_t updateConfig = 0;
-        int32_t reserved5 = 0;
-        int32_t releaseCameraCapability = 0;
         int32_t registerListener = 0;
         int32_t businessControl = 0;
     } status;
-    // Written to GetCameraCapability's outputs whatever the status. Defaults to
-    // the fake's own two cameras; a test may point it at records it owns.
+    // Written to GetCameraCapability's outputs. Defaults to the fake's own
+    // two cameras; a test may point it at records it owns.
     struct {
         KxCameraCapability *items = nullptr;
         uint32_t num = 0;
-        int32_t status = 0;
     } capability;
 };
 

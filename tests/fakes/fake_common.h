@@ -6,7 +6,6 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -74,7 +73,7 @@ struct FakeControl : Script, Observed {
         this->calls.push_back(call);
         return call.result;
     }
-    // The getter: the whole table, then the slots the script nulls.
+    // The getter: the whole table and the scripted result.
     template <typename Table>
     int32_t Getter(const char *name, Table *handler, const Table &table)
     {
@@ -83,11 +82,6 @@ struct FakeControl : Script, Observed {
                 return kFakeBadArgument;
             }
             *handler = table;
-            for (uint32_t slot = 0; slot < sizeof(Table) / sizeof(void *); ++slot) {
-                if ((this->nullSlots & (1u << slot)) != 0) {
-                    std::memset(reinterpret_cast<char *>(handler) + slot * sizeof(void *), 0, sizeof(void *));
-                }
-            }
             return this->getterResult;
         });
     }

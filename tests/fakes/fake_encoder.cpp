@@ -4,7 +4,6 @@
 #include "fake_encoder.h"
 
 #include <algorithm>
-#include <cstring>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -26,46 +25,37 @@ void *NextHandle()
     return reinterpret_cast<void *>(uintptr_t{0x7ace0000} + (++serial) * 16);
 }
 
+// I420 only, 16 to 4096 in steps of 2, four instances, output returned.
+constexpr KxVencAbility kAbility{0, 1 << KX_CSP_I420, 4096, 4096, 16, 16, 2, 2, 1, 4, 0};
+
 int32_t GetAbility(KxVencAbility *abilities, uint32_t capacity, uint32_t *num)
 {
-    return Control().Record({.slot = "VideoEncoderGetAbility", .capacity = capacity}, [=](FakeEncoderCall &) {
+    return Control().Record({.slot = "VideoEncoderGetAbility"}, [=](FakeEncoderCall &) {
         if (abilities == nullptr || num == nullptr) {
             return kFakeBadArgument;
         }
-        *num = std::min({Control().ability.num, capacity, kFakeMaxAbilities});
-        std::copy_n(Control().ability.items.begin(), *num, abilities);
-        return Control().ability.status;
+        *num = std::min(capacity, 1u);
+        std::fill_n(abilities, *num, kAbility);
+        return 0;
     });
 }
 
 int32_t Create(void **handle, const KxVencCreateParams *params)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderCreate"};
-    call.create = params == nullptr ? KxVencCreateParams{} : *params;
-    return Control().Record(call, [=](FakeEncoderCall &c) {
+    return Control().Record({.slot = "VideoEncoderCreate"}, [=](FakeEncoderCall &c) {
         if (handle == nullptr || params == nullptr) {
             return kFakeBadArgument;
         }
-        if (Control().status.create >= 0) {
-            *handle = NextHandle();
-            Control().instances[*handle] = FakeEncoderInstance{.params = *params};
-            ++Control().created;
-            c.handleKnown = true;
-        } else if (Control().writeHandleOnFailure) {
-            *handle = Control().failedCreateHandle;
-        }
-        c.handle = *handle;
-        return Control().status.create;
+        c.handle = *handle = NextHandle();
+        Control().instances[*handle] = FakeEncoderInstance{.params = *params};
+        return 0;
     });
 }
 
 int32_t Configure(void *handle, const KxVencConfigParams *params)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderConfigure", .handle = handle};
-    call.config = params == nullptr ? KxVencConfigParams{} : *params;
-    return Control().Record(call, [=](FakeEncoderCall &c) {
-        c.handleKnown = Control().instances.count(handle) != 0;
-        return params == nullptr || !c.handleKnown ? kFakeBadArgument : Control().status.configure;
+    return Control().Record({.slot = "VideoEncoderConfigure", .handle = handle}, [=](FakeEncoderCall &) {
+        return params == nullptr || Control().instances.count(handle) == 0 ? kFakeBadArgument : 0;
     });
 }
 
@@ -73,34 +63,20 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
 {
     FakeEncoderCall call{.slot = "VideoEncoderProcess", .handle = handle, .flags = flags};
     std::unique_lock lock(Control().mutex);
-    if (input != nullptr) {
-        call.input = *input;
-        call.inputHash = FakeHash(input->data, input->length);
-        const uint32_t head = input->data == nullptr ? 0 : std::min(input->length, Control().inputCopyBytes);
-        call.inputHead.assign(input->data, input->data + head);
-    }
     auto it = Control().instances.find(handle);
-    call.handleKnown = it != Control().instances.end();
-    if (input == nullptr || output == nullptr || !call.handleKnown) {
-        call.result = kFakeBadArgument;
-        Control().calls.push_back(call);
+    call.result = input == nullptr || output == nullptr || it == Control().instances.end() ? kFakeBadArgument : 0;
+    Control().calls.push_back(call);
+    if (call.result != 0) {
         return call.result;
     }
-    call.result = Control().status.process;
-
     FakeEncoderInstance &instance = it->second;
     instance.bitstream = FakeEncoderBitstream(instance.frames++, input->data, input->length);
     KxVencOutput out{instance.bitstream.data(), static_cast<int32_t>(instance.bitstream.size()), 0,
                      input->timeStamp};
-    if (Control().scriptedOutput.enabled) {
-        out.bsBuf = Control().scriptedOutput.bsBuf;
-        out.bsLength = Control().scriptedOutput.bsLength;
-    }
     const FakeEncoderOutputMode mode = Control().outputMode;
     const auto delay = std::chrono::milliseconds(Control().processDelayMs);
     KxVencOutputCallback callback = instance.params.outputCallback;
     void *privateData = instance.params.privateData;
-    Control().calls.push_back(call);
     lock.unlock();
     std::this_thread::sleep_for(delay);
 
@@ -121,7 +97,7 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     case kFakeOutputNone:
         break;
     }
-    return call.result;
+    return 0;
 }
 
 int32_t Destroy(void **handle)
@@ -131,9 +107,9 @@ int32_t Destroy(void **handle)
             return handle == nullptr ? kFakeBadArgument : 0;
         }
         c.handle = std::exchange(*handle, nullptr);
-        c.handleKnown = Control().instances.erase(c.handle) != 0;
-        Control().destroyed += c.handleKnown ? 1 : 0;
-        return c.handleKnown ? Control().status.destroy : kFakeBadArgument;
+        const bool known = Control().instances.erase(c.handle) != 0;
+        Control().destroyed += known ? 1 : 0;
+        return known ? 0 : kFakeBadArgument;
     });
 }
 
@@ -144,7 +120,6 @@ constexpr KxVideoEncoderHandler kTable = {
     .VideoEncoderProcess = Process,
     .VideoEncoderDestroy = Destroy,
 };
-static_assert(sizeof(kTable) / sizeof(void (*)()) == kEncSlotCount, "the encoder handler has five slots");
 
 void Reset()
 {

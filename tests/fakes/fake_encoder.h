@@ -4,22 +4,11 @@
 #ifndef KXCAMERA_TESTS_FAKES_FAKE_ENCODER_H
 #define KXCAMERA_TESTS_FAKES_FAKE_ENCODER_H
 
-#include <array>
 #include <cstdint>
 #include <map>
 
 #include "fake_common.h"
 #include "kxcamera/video_encoder.h"
-
-// Slot numbers of the video encoder table, for nullSlots.
-enum FakeEncoderSlot : uint32_t {
-    kEncGetAbility = 0,
-    kEncCreate,
-    kEncConfigure,
-    kEncProcess,
-    kEncDestroy,
-    kEncSlotCount,
-};
 
 // How VideoEncoderProcess hands its bitstream over.
 enum FakeEncoderOutputMode : uint32_t {
@@ -29,7 +18,6 @@ enum FakeEncoderOutputMode : uint32_t {
     kFakeOutputNone,           // hands nothing over
 };
 
-inline constexpr uint32_t kFakeMaxAbilities = 4;
 inline constexpr uint32_t kFakeBitstreamHeader = 16;
 inline constexpr uint32_t kFakeBitstreamInputBytes = 16;
 
@@ -66,14 +54,7 @@ struct FakeEncoderCall {
     // Configure, Process: the instance passed. Destroy: *handle on entry.
     // Create: what *handle held on return.
     void *handle = nullptr;
-    bool handleKnown = false;         // handle named a live instance of the fake
-    uint32_t capacity = 0;            // GetAbility
-    KxVencCreateParams create{};      // Create
-    KxVencConfigParams config{};      // Configure
-    KxVencInputFrame input{};         // Process
-    std::vector<uint8_t> inputHead{}; // Process: first inputCopyBytes of input.data
-    uint32_t inputHash = 0;           // Process: FakeHash of all input.length bytes
-    uint32_t flags = 0;               // Process
+    uint32_t flags = 0; // Process
 };
 
 // One live encoder instance; its handle is never dereferenced by the fake.
@@ -86,39 +67,14 @@ struct FakeEncoderInstance {
 // What the fake does; Reset() brings every field back to these defaults.
 struct FakeEncoderScript {
     int32_t getterResult = 0;
-    uint32_t nullSlots = 0; // bit n: the getter leaves slot n null
-    // GetAbility writes min(num, capacity) of these and that count.
-    struct {
-        // I420 only, 16 to 4096 in steps of 2, four instances, output returned.
-        std::array<KxVencAbility, kFakeMaxAbilities> items{{{0, 1 << KX_CSP_I420, 4096, 4096, 16, 16, 2, 2, 1, 4, 0}}};
-        uint32_t num = 1;
-        int32_t status = 0;
-    } ability;
-    struct {
-        int32_t create = 0; // a negative one creates nothing
-        int32_t configure = 0;
-        int32_t process = 0; // output is handed over whatever it is
-        int32_t destroy = 0; // the instance is gone whatever it is
-    } status;
-    // A failing Create leaves *handle alone unless told what to write.
-    bool writeHandleOnFailure = false;
-    void *failedCreateHandle = nullptr;
-    uint32_t inputCopyBytes = 64;
     FakeEncoderOutputMode outputMode = kFakeOutputReturn;
     uint32_t processDelayMs = 0; // a slow encoder: every Process takes at least this long
-    // Handed over instead of the generated bitstream; the test owns bsBuf.
-    struct {
-        bool enabled = false;
-        uint8_t *bsBuf = nullptr;
-        int32_t bsLength = 0;
-    } scriptedOutput;
 };
 
 // What the fake saw and kept.
 struct FakeEncoderObserved {
     std::vector<FakeEncoderCall> calls;
     std::map<void *, FakeEncoderInstance> instances;
-    uint32_t created = 0;
     uint32_t destroyed = 0;
 };
 

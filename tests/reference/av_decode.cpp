@@ -3,7 +3,7 @@
 #include "av_decode.h"
 
 #include <cmath>
-#include <cstring>
+#include <algorithm>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -25,65 +25,49 @@ double Psnr(const uint8_t *a, const uint8_t *b, size_t n)
 
 } // namespace
 
-Decoder::Decoder(Codec codec)
+std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t>> units, int width, int height)
 {
     const AVCodec *decoder = avcodec_find_decoder(codec == Codec::kH264 ? AV_CODEC_ID_H264 : AV_CODEC_ID_HEVC);
-    context_ = decoder == nullptr ? nullptr : avcodec_alloc_context3(decoder);
-    if (context_ == nullptr) {
-        return;
-    }
+    AVCodecContext *context = avcodec_alloc_context3(decoder);
     // One thread and no reordering delay: one unit in, one picture out.
-    context_->thread_count = 1;
-    context_->flags |= AV_CODEC_FLAG_LOW_DELAY;
-    context_->err_recognition = AV_EF_EXPLODE;
-    if (avcodec_open2(context_, decoder, nullptr) < 0) {
-        avcodec_free_context(&context_);
-    }
-}
-
-Decoder::~Decoder()
-{
-    avcodec_free_context(&context_);
-}
-
-bool Decoder::Decode(std::span<const uint8_t> unit, std::vector<std::vector<uint8_t>> &pictures, int width,
-                     int height, int *keys)
-{
-    if (context_ == nullptr || unit.empty()) {
-        return false;
-    }
-    std::vector<uint8_t> padded(unit.size() + AV_INPUT_BUFFER_PADDING_SIZE, 0);
-    std::memcpy(padded.data(), unit.data(), unit.size());
+    context->thread_count = 1;
+    context->flags |= AV_CODEC_FLAG_LOW_DELAY;
+    context->err_recognition = AV_EF_EXPLODE;
+    std::vector<Picture> pictures;
+    bool ok = avcodec_open2(context, decoder, nullptr) == 0;
     AVPacket *packet = av_packet_alloc();
     AVFrame *frame = av_frame_alloc();
-    packet->data = padded.data();
-    packet->size = static_cast<int>(unit.size());
-    bool ok = avcodec_send_packet(context_, packet) == 0;
-    int ignored = 0;
-    while (ok && avcodec_receive_frame(context_, frame) == 0) {
-        // A picture of another size or layout is a failure, not something to convert.
-        ok = frame->format == AV_PIX_FMT_YUV420P && frame->width == width && frame->height == height;
-        *(keys != nullptr ? keys : &ignored) += frame->key_frame;
-        std::vector<uint8_t> &out = pictures.emplace_back();
-        for (int plane = 0; ok && plane < 3; ++plane) {
-            const int w = plane == 0 ? width : width / 2;
-            for (int row = 0; row < (plane == 0 ? height : height / 2); ++row) {
-                const uint8_t *line = frame->data[plane] + static_cast<ptrdiff_t>(row) * frame->linesize[plane];
-                out.insert(out.end(), line, line + w);
+    for (size_t u = 0; ok && u < units.size(); ++u) {
+        std::vector<uint8_t> padded(units[u].size() + AV_INPUT_BUFFER_PADDING_SIZE, 0);
+        std::copy(units[u].begin(), units[u].end(), padded.begin());
+        packet->data = padded.data();
+        packet->size = static_cast<int>(units[u].size());
+        ok = !units[u].empty() && avcodec_send_packet(context, packet) == 0;
+        while (ok && avcodec_receive_frame(context, frame) == 0) {
+            // A picture of another size or layout is a failure, not something to convert.
+            ok = frame->format == AV_PIX_FMT_YUV420P && frame->width == width && frame->height == height;
+            Picture &out = pictures.emplace_back(Picture{{}, frame->key_frame != 0});
+            for (int plane = 0; ok && plane < 3; ++plane) {
+                for (int row = 0; row < (plane == 0 ? height : height / 2); ++row) {
+                    const uint8_t *line = frame->data[plane] + static_cast<ptrdiff_t>(row) * frame->linesize[plane];
+                    out.i420.insert(out.i420.end(), line, line + (plane == 0 ? width : width / 2));
+                }
             }
+            av_frame_unref(frame);
         }
-        av_frame_unref(frame);
+        ok = ok && pictures.size() == u + 1;
     }
     av_frame_free(&frame);
     av_packet_free(&packet);
-    return ok;
+    avcodec_free_context(&context);
+    return ok ? pictures : std::vector<Picture>{};
 }
 
 bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height)
 {
-    std::vector<std::vector<uint8_t>> pictures;
-    int keys = 0;
-    return Decoder(codec).Decode(unit, pictures, width, height, &keys) && pictures.size() == 1 && keys == 1;
+    const std::vector<uint8_t> units[] = {{unit.begin(), unit.end()}};
+    const std::vector<Picture> pictures = DecodeEach(codec, units, width, height);
+    return pictures.size() == 1 && pictures[0].key;
 }
 
 std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_t> b, int width, int height)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Judging encoded output with libavcodec: decoding access units, finding
-// their NAL unit types, and comparing pictures with the pattern they came from.
+// Judging encoded output with libavcodec: decoding access units and
+// comparing pictures with the pattern they came from.
 #ifndef KXCAMERA_TESTS_VENDOR_AV_DECODE_H
 #define KXCAMERA_TESTS_VENDOR_AV_DECODE_H
 
@@ -8,31 +8,21 @@
 #include <span>
 #include <vector>
 
-struct AVCodecContext;
-
 namespace kxtest {
 
 enum class Codec { kH264, kH265 };
 
-class Decoder {
-public:
-    explicit Decoder(Codec codec);
-    ~Decoder();
-    Decoder(const Decoder &) = delete;
-    Decoder &operator=(const Decoder &) = delete;
-
-    // Decodes one access unit; false when the decoder reports an error or a
-    // picture is not 4:2:0 of `width` x `height`. Finished pictures are
-    // appended as packed I420; `keys` counts those that are key frames.
-    bool Decode(std::span<const uint8_t> unit, std::vector<std::vector<uint8_t>> &pictures, int width, int height,
-                int *keys = nullptr);
-
-private:
-    AVCodecContext *context_ = nullptr;
+struct Picture {
+    std::vector<uint8_t> i420; // packed
+    bool key = false;
 };
 
-// The unit decodes alone, on a fresh decoder, to one picture: it is a key
-// frame and carries its parameter sets.
+// The units in order on one decoder without reordering delay, a picture
+// each; empty when the decoder reports an error or a unit does not give
+// exactly one 4:2:0 picture of `width` x `height`.
+std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t>> units, int width, int height);
+
+// The unit decodes alone, on a fresh decoder, to a key frame: it carries its parameter sets.
 bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height);
 
 // PSNR in dB of each plane (Y, U, V) of two packed I420 frames of the given
