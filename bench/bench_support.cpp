@@ -39,7 +39,9 @@ double CpuSeconds()
 {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    auto seconds = [](const timeval &t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    auto seconds = [](const timeval &t) {
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
+    };
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
@@ -53,7 +55,10 @@ double Percentile(std::vector<double> values, double fraction)
     return values[std::min(index, values.size() - 1)];
 }
 
-double Median(std::vector<double> values) { return Percentile(std::move(values), 0.5); }
+double Median(std::vector<double> values)
+{
+    return Percentile(std::move(values), 0.5);
+}
 
 bool EncoderTimes::Attach(const std::string &path)
 {
@@ -126,10 +131,22 @@ std::vector<std::pair<int64_t, int64_t>> UnitCounter::TakeLatencies()
     return taken;
 }
 
-std::string PluginPath() { return KXBENCH_PLUGIN_PATH; }
-std::string CameraDir() { return KXBENCH_CAMERA_DIR; }
-std::string EncoderShimDir() { return KXBENCH_SHIM_DIR; }
-std::string EncoderShimPath() { return EncoderShimDir() + "/libtalvovideoencoder.so"; }
+std::string PluginPath()
+{
+    return KXBENCH_PLUGIN_PATH;
+}
+std::string CameraDir()
+{
+    return KXBENCH_CAMERA_DIR;
+}
+std::string EncoderShimDir()
+{
+    return KXBENCH_SHIM_DIR;
+}
+std::string EncoderShimPath()
+{
+    return EncoderShimDir() + "/libtalvovideoencoder.so";
+}
 
 void UseBuildTreeVendors(const std::string &cameras)
 {

@@ -55,7 +55,7 @@ extern "C" [[gnu::visibility("default")]] int32_t TALVOGetVideoEncoderHandler(Kx
 
 // Moves up to capacity samples out; returns how many were written.
 extern "C" [[gnu::visibility("default")]] uint64_t KxBenchTakeEncodeTimes(int64_t *stamps, int64_t *micros,
-                                                                         uint64_t capacity)
+                                                                          uint64_t capacity)
 {
     std::lock_guard lock(g_lock);
     const uint64_t n = std::min<uint64_t>(capacity, g_samples.size());

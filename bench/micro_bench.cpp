@@ -39,8 +39,14 @@ std::vector<uint8_t> Bytes(size_t n)
 
 // ---- the plugin loaded with the virtual camera: "0" raw, "1" H.264 ----
 
-int32_t Announce(const KxServiceIdDesc *, const KxServiceOps *) { return 0; }
-int32_t Withdraw(const KxServiceIdDesc *) { return 0; }
+int32_t Announce(const KxServiceIdDesc *, const KxServiceOps *)
+{
+    return 0;
+}
+int32_t Withdraw(const KxServiceIdDesc *)
+{
+    return 0;
+}
 
 // Takes each unit over and frees it, as the framework does.
 int32_t FreeUnit(const KxServiceIdDesc *, const KxCommand *message, void *)
@@ -305,7 +311,6 @@ void BM_AbilityQuery(benchmark::State &state)
     }
 }
 BENCHMARK(BM_AbilityQuery);
-
 
 } // namespace
 

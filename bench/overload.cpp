@@ -72,8 +72,14 @@ struct Options {
     std::string outputDir = ".";
 };
 
-std::string SizeText(const Options &opt) { return std::to_string(opt.width) + "x" + std::to_string(opt.height); }
-size_t FrameBytes(const Options &opt) { return size_t{opt.width} * opt.height * 3 / 2; }
+std::string SizeText(const Options &opt)
+{
+    return std::to_string(opt.width) + "x" + std::to_string(opt.height);
+}
+size_t FrameBytes(const Options &opt)
+{
+    return size_t{opt.width} * opt.height * 3 / 2;
+}
 
 std::vector<std::vector<uint8_t>> MakeFrames(const Options &opt)
 {
@@ -86,7 +92,10 @@ std::vector<std::vector<uint8_t>> MakeFrames(const Options &opt)
     return frames;
 }
 
-void SetEnv(const char *name, uint64_t value) { setenv(name, std::to_string(value).c_str(), 1); }
+void SetEnv(const char *name, uint64_t value)
+{
+    setenv(name, std::to_string(value).c_str(), 1);
+}
 
 void ClearSlowdown()
 {
@@ -191,8 +200,11 @@ public:
             error = "the plugin or the encoder stand-in lacks a symbol";
             return false;
         }
-        const nlohmann::json params = {{"Width", opt.width}, {"Height", opt.height}, {"ColorFormat", kNegColorNv21},
-                                       {"CodecType", 0}, {"Fps", kFps}};
+        const nlohmann::json params = {{"Width", opt.width},
+                                       {"Height", opt.height},
+                                       {"ColorFormat", kNegColorNv21},
+                                       {"CodecType", 0},
+                                       {"Fps", kFps}};
         for (uint32_t i = 0; i < cameras; ++i) {
             sinks_.push_back(std::make_unique<Sink>(i == 0 ? outputPath : std::string()));
             Sink *sink = sinks_.back().get();
@@ -283,8 +295,8 @@ struct RssSample {
 // Feeds `perCamera` frames to each camera at 30 fps, the cameras spread
 // evenly over the interval. Returns camera 0's feed times (taken just before
 // its intake stamps them) and the resident set every 100 ms.
-bool FeedPaced(Plugin &plugin, const std::vector<std::vector<uint8_t>> &frames, uint32_t cameras,
-               uint64_t perCamera, std::vector<int64_t> &feedUs, std::vector<RssSample> &rss)
+bool FeedPaced(Plugin &plugin, const std::vector<std::vector<uint8_t>> &frames, uint32_t cameras, uint64_t perCamera,
+               std::vector<int64_t> &feedUs, std::vector<RssSample> &rss)
 {
     const auto start = Clock::now();
     const uint64_t ticks = perCamera * cameras;
@@ -312,7 +324,8 @@ bool FeedPaced(Plugin &plugin, const std::vector<std::vector<uint8_t>> &frames, 
 bool Decodes(const std::string &path, size_t units, std::string &report)
 {
     const std::string command = "ffprobe -v error -count_frames -select_streams v:0 -show_entries "
-                                "stream=nb_read_frames -of csv=p=0 '" + path + "' 2>&1";
+                                "stream=nb_read_frames -of csv=p=0 '" +
+                                path + "' 2>&1";
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
         report = "ffprobe did not run";
@@ -344,8 +357,14 @@ void Target(const char *scenario, const std::string &what, bool met)
     return text;
 }
 
-double Intervals(int64_t us) { return static_cast<double>(us) / kIntervalUs; }
-double Mb(uint64_t bytes) { return static_cast<double>(bytes) / 1e6; }
+double Intervals(int64_t us)
+{
+    return static_cast<double>(us) / kIntervalUs;
+}
+double Mb(uint64_t bytes)
+{
+    return static_cast<double>(bytes) / 1e6;
+}
 
 // What one camera's run left behind, read before the plugin is released.
 struct Recording {
@@ -515,8 +534,8 @@ int RunScenario(const Options &opt)
                 static_cast<unsigned long long>(r.counters.framesEncoded),
                 static_cast<unsigned long long>(r.counters.droppedOverload),
                 static_cast<unsigned long long>(r.counters.droppedError));
-    std::printf("  RSS: %.1f MB at the start, %.1f MB peak, %.1f MB at the end (queue bound %.1f MB)",
-                Mb(f.rssStart), Mb(f.rssPeak), Mb(r.rss.back().bytes), Mb(r.queueCapBytes));
+    std::printf("  RSS: %.1f MB at the start, %.1f MB peak, %.1f MB at the end (queue bound %.1f MB)", Mb(f.rssStart),
+                Mb(f.rssPeak), Mb(r.rss.back().bytes), Mb(r.queueCapBytes));
     if (f.rssSettled != 0) {
         std::printf("; from 5 s in to the end of the event %.1f -> %.1f MB peak", Mb(f.rssSettled),
                     Mb(f.rssSettledPeak));
@@ -534,8 +553,9 @@ int RunScenario(const Options &opt)
 
     const char *tag = name.c_str();
     if (overload || stall) {
-        Target(tag, Format("peak RSS %.1f MB <= start %.1f MB + queue bound %.1f MB", Mb(f.rssPeak), Mb(f.rssStart),
-                           Mb(r.queueCapBytes)),
+        Target(tag,
+               Format("peak RSS %.1f MB <= start %.1f MB + queue bound %.1f MB", Mb(f.rssPeak), Mb(f.rssStart),
+                      Mb(r.queueCapBytes)),
                f.rssPeak <= f.rssStart + r.queueCapBytes);
         const double allowanceMs = 3 * kIntervalUs / 1000.0 + f.encodeMs;
         Target(tag, Format("added latency p99 %.1f ms <= 3 intervals + one encode = %.1f ms", p99, allowanceMs),
@@ -543,13 +563,15 @@ int RunScenario(const Options &opt)
         Target(tag, Format("full rate within 1 s of the end: %.3f s", f.recoveryS),
                f.recoveryS >= 0 && f.recoveryS <= 1);
     } else {
-        Target(tag, Format("no frame dropped: %zu of %llu delivered", r.units.size(),
-                           static_cast<unsigned long long>(r.counters.framesIn)),
+        Target(tag,
+               Format("no frame dropped: %zu of %llu delivered", r.units.size(),
+                      static_cast<unsigned long long>(r.counters.framesIn)),
                r.counters.droppedOverload + r.counters.droppedError == 0 && r.units.size() == r.counters.framesIn);
     }
     if (overload && opt.factor == 2) {
-        Target(tag, Format("%.1f %% >= 45 %% delivered, longest gap %.2f <= 3 intervals, %llu <= 2 missing in a row",
-                           f.Share(), Intervals(f.longestOutGapUs), static_cast<unsigned long long>(f.longestMissing)),
+        Target(tag,
+               Format("%.1f %% >= 45 %% delivered, longest gap %.2f <= 3 intervals, %llu <= 2 missing in a row",
+                      f.Share(), Intervals(f.longestOutGapUs), static_cast<unsigned long long>(f.longestMissing)),
                f.Share() >= 45 && f.longestOutGapUs <= 3 * kIntervalUs && f.longestMissing <= 2);
     }
     Target(tag, "output decodes without errors", decodes);
@@ -689,11 +711,42 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
             break;
         }
         const std::string k = std::to_string(kbps);
-        pids.push_back(Spawn({"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-f", "rawvideo",
-                              "-pix_fmt", "nv21", "-s", SizeText(opt), "-r", std::to_string(kFps), "-i", "pipe:0", "-c:v",
-                              "libx264", "-preset", "ultrafast", "-tune", "zerolatency", "-threads", "0",
-                              "-thread_type", "slice", "-b:v", k + "k", "-maxrate", k + "k", "-bufsize",
-                              std::to_string(kbps / 2) + "k", "-g", "60", "-f", "null", "-"},
+        pids.push_back(Spawn({"ffmpeg",
+                              "-nostdin",
+                              "-hide_banner",
+                              "-loglevel",
+                              "error",
+                              "-f",
+                              "rawvideo",
+                              "-pix_fmt",
+                              "nv21",
+                              "-s",
+                              SizeText(opt),
+                              "-r",
+                              std::to_string(kFps),
+                              "-i",
+                              "pipe:0",
+                              "-c:v",
+                              "libx264",
+                              "-preset",
+                              "ultrafast",
+                              "-tune",
+                              "zerolatency",
+                              "-threads",
+                              "0",
+                              "-thread_type",
+                              "slice",
+                              "-b:v",
+                              k + "k",
+                              "-maxrate",
+                              k + "k",
+                              "-bufsize",
+                              std::to_string(kbps / 2) + "k",
+                              "-g",
+                              "60",
+                              "-f",
+                              "null",
+                              "-"},
                              pipeFds[0]));
         close(pipeFds[0]);
         fds.push_back(pipeFds[1]);
@@ -746,10 +799,25 @@ Waits FfmpegProbe(const Options &opt, uint32_t n, uint32_t kbps)
 
 std::vector<std::string> ChildArgs(const Options &opt, const std::string &run)
 {
-    return {opt.self, "--run", run, "--size", SizeText(opt), "--warm-up", std::to_string(opt.warmUp),
-            "--overload-seconds", std::to_string(opt.overload), "--recovery", std::to_string(opt.recovery),
-            "--stall-ms", std::to_string(opt.stallMs), "--encode-ms", std::to_string(opt.encodeMs),
-            "--capacity-seconds", std::to_string(opt.capacitySeconds), "--output-dir", opt.outputDir};
+    return {opt.self,
+            "--run",
+            run,
+            "--size",
+            SizeText(opt),
+            "--warm-up",
+            std::to_string(opt.warmUp),
+            "--overload-seconds",
+            std::to_string(opt.overload),
+            "--recovery",
+            std::to_string(opt.recovery),
+            "--stall-ms",
+            std::to_string(opt.stallMs),
+            "--encode-ms",
+            std::to_string(opt.encodeMs),
+            "--capacity-seconds",
+            std::to_string(opt.capacitySeconds),
+            "--output-dir",
+            opt.outputDir};
 }
 
 // Runs a scenario in a child process; its output is passed on and kept.
@@ -818,10 +886,10 @@ int RunCapacity(const Options &opt, std::vector<std::string> &lines)
             ffmpeg.Record(n, waits.most >= 0 && waits.most <= 2);
         }
     }
-    const std::string line = Format("capacity %s: plugin %u cameras%s, FFmpeg %u processes (ratio %.2f)\n",
-                                    SizeText(opt).c_str(), plugin.ok,
-                                    plugin.ok == kMaxCameras ? " (all the encoder library offers)" : "", ffmpeg.ok,
-                                    ffmpeg.ok == 0 ? 0.0 : static_cast<double>(plugin.ok) / ffmpeg.ok);
+    const std::string line =
+        Format("capacity %s: plugin %u cameras%s, FFmpeg %u processes (ratio %.2f)\n", SizeText(opt).c_str(), plugin.ok,
+               plugin.ok == kMaxCameras ? " (all the encoder library offers)" : "", ffmpeg.ok,
+               ffmpeg.ok == 0 ? 0.0 : static_cast<double>(plugin.ok) / ffmpeg.ok);
     std::fputs(line.c_str(), stdout);
     lines.push_back(line);
     return failed ? 1 : 0;

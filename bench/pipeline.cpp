@@ -135,8 +135,7 @@ struct RoundFigures {
 };
 
 // Times one round of n frames, `body` returning false on a failure.
-template <typename Body>
-bool TimeRound(size_t n, RoundFigures &figures, Body body)
+template <typename Body> bool TimeRound(size_t n, RoundFigures &figures, Body body)
 {
     const double cpu0 = kxbench::CpuSeconds();
     const auto start = Clock::now();
@@ -177,8 +176,11 @@ public:
 
     bool Configure(const Size &size)
     {
-        const nlohmann::json open = {{"Width", size.width}, {"Height", size.height}, {"ColorFormat", kNegColorNv21},
-                                     {"CodecType", 0}, {"Fps", kFps}};
+        const nlohmann::json open = {{"Width", size.width},
+                                     {"Height", size.height},
+                                     {"ColorFormat", kNegColorNv21},
+                                     {"CodecType", 0},
+                                     {"Fps", kFps}};
         return host_.SetParams(kService, open.dump()) == 0;
     }
 
@@ -254,8 +256,8 @@ public:
     {
         size_ = size;
         i420_.assign(size.Nv21Bytes(), 0);
-        return session_.Open(kxvendor::CameraStreamSettings(size.width, size.height, X264_CSP_I420, kFps, bitRate,
-                                                              bitRate)) == 0;
+        return session_.Open(
+                   kxvendor::CameraStreamSettings(size.width, size.height, X264_CSP_I420, kFps, bitRate, bitRate)) == 0;
     }
 
     bool Run(FrameSource &frames, RoundFigures &figures)
@@ -373,8 +375,7 @@ int RunInterleaved(const Options &opt)
                          a.empty() ? "" : (" plugin " + std::to_string(a.back().fps) + " fps").c_str(),
                          b.empty() ? "" : (" bare " + std::to_string(b.back().fps) + " fps").c_str());
         }
-        std::printf("%s, %zu frames x %u rounds, x264 bit rate %u:\n", text.c_str(), frames.count(), rounds,
-                    bitRate);
+        std::printf("%s, %zu frames x %u rounds, x264 bit rate %u:\n", text.c_str(), frames.count(), rounds, bitRate);
         if (!a.empty()) {
             const Latency latency = CollectLatency(plugin.counter(), plugin.encoderTimes());
             std::printf("  plugin: %.1f fps, %.3f ms CPU/frame, latency p50 %.2f ms p99 %.2f ms, "
@@ -392,8 +393,9 @@ int RunInterleaved(const Options &opt)
             const double pa = MedianOf(a, &RoundFigures::fps);
             const double pb = MedianOf(b, &RoundFigures::fps);
             char line[200];
-            std::snprintf(line, sizeof(line), "pipeline %s: plugin/bare fps ratio %.2f (plugin %.1f fps, bare %.1f fps)",
-                          text.c_str(), pa / pb, pa, pb);
+            std::snprintf(line, sizeof(line),
+                          "pipeline %s: plugin/bare fps ratio %.2f (plugin %.1f fps, bare %.1f fps)", text.c_str(),
+                          pa / pb, pa, pb);
             summary.emplace_back(line);
         }
     }
@@ -432,8 +434,7 @@ int RunPaced(const Options &opt)
     kxbench::UseBuildTreeVendors(opt.twoCameras ? "0:raw,1:h264" : "0:raw");
     camhost::PluginHost host;
     kxbench::EncoderTimes encoderTimes;
-    if (!host.Load(kxbench::PluginPath()) || !host.LoadService() ||
-        !encoderTimes.Attach(kxbench::EncoderShimPath())) {
+    if (!host.Load(kxbench::PluginPath()) || !host.LoadService() || !encoderTimes.Attach(kxbench::EncoderShimPath())) {
         std::fprintf(stderr, "pipeline: %s\n", host.error().c_str());
         return 1;
     }

@@ -127,8 +127,9 @@ std::pair<int32_t, std::string> Build(const KxCameraCapability &cap, int32_t siz
 bool Plain(const char *text)
 {
     return text != nullptr && std::none_of(text, text + std::strlen(text), [](char c) {
-        return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x80;
-    });
+               return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20 ||
+                      static_cast<unsigned char>(c) >= 0x80;
+           });
 }
 
 } // namespace

@@ -128,7 +128,8 @@ void CheckConversion(const KxImage &src, const KxImage &dst)
     for (int64_t cy = 0; cy < (src.height + 1) / 2; ++cy) {
         for (int64_t cx = 0; cx < (src.width + 1) / 2; ++cx) {
             const auto [u, v] = Chroma(dst, cx, cy);
-            FUZZ_CHECK(src.csp == kCspRgb565 ? studio(u, 240) && studio(v, 240) : Chroma(src, cx, cy) == std::pair(u, v),
+            FUZZ_CHECK(src.csp == kCspRgb565 ? studio(u, 240) && studio(v, 240)
+                                             : Chroma(src, cx, cy) == std::pair(u, v),
                        "chroma at %lld,%lld", static_cast<long long>(cx), static_cast<long long>(cy));
         }
     }

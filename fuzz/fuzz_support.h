@@ -48,14 +48,14 @@ private:
 
 // A promise the code under test broke: print what and where, then abort so
 // that libFuzzer keeps the input.
-#define FUZZ_CHECK(cond, ...)                                                              \
-    do {                                                                                   \
-        if (!(cond)) {                                                                     \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n  ", __FILE__, __LINE__, #cond); \
-            std::fprintf(stderr, __VA_ARGS__);                                             \
-            std::fprintf(stderr, "\n");                                                    \
-            std::abort();                                                                  \
-        }                                                                                  \
+#define FUZZ_CHECK(cond, ...)                                                                                          \
+    do {                                                                                                               \
+        if (!(cond)) {                                                                                                 \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n  ", __FILE__, __LINE__, #cond);                            \
+            std::fprintf(stderr, __VA_ARGS__);                                                                         \
+            std::fprintf(stderr, "\n");                                                                                \
+            std::abort();                                                                                              \
+        }                                                                                                              \
     } while (0)
 
 // The plugin's own log lines would drown the fuzzer's output; an operator who

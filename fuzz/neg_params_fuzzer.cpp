@@ -65,9 +65,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const bool complete = has("Height") && has("ColorFormat") && has("CodecType");
     FUZZ_CHECK(msgType == (open ? kNegMsgOpen : kNegMsgUpdate), "message type %u", msgType);
     FUZZ_CHECK(rc == (open && !complete ? -1001 : 0), "rc %d (open %d, complete %d)", rc, open, complete);
-    FUZZ_CHECK(Same(neg, open ? KxNegParams{neg.width, neg.height, kBefore.fps, neg.codecType, neg.colorFmt}
-                              : KxNegParams{kBefore.width, kBefore.height, neg.fps, kBefore.codecType, kBefore.colorFmt}),
-               "a field outside the message changed");
+    FUZZ_CHECK(
+        Same(neg, open ? KxNegParams{neg.width, neg.height, kBefore.fps, neg.codecType, neg.colorFmt}
+                       : KxNegParams{kBefore.width, kBefore.height, neg.fps, kBefore.codecType, kBefore.colorFmt}),
+        "a field outside the message changed");
     FUZZ_CHECK(rc != 0 || !open || neg.codecType <= 2, "codec type %d stored above the largest one", neg.codecType);
     const nlohmann::json doc = nlohmann::json::parse(text.get(), nullptr, false);
     int32_t value = 0;

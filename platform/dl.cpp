@@ -118,4 +118,7 @@ int32_t TALVODlClose(void *handle)
     return 0;
 }
 
-const char *TALVODlError(void) { return t_lastError; }
+const char *TALVODlError(void)
+{
+    return t_lastError;
+}

@@ -12,7 +12,10 @@ static_assert(offsetof(TALVODllHead, reserved) == offsetof(TALVODllNode, data));
 
 namespace {
 
-TALVODllNode *AsNode(TALVODllHead *head) { return reinterpret_cast<TALVODllNode *>(head); }
+TALVODllNode *AsNode(TALVODllHead *head)
+{
+    return reinterpret_cast<TALVODllNode *>(head);
+}
 
 } // namespace
 

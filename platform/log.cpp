@@ -17,8 +17,7 @@ namespace {
 
 constexpr size_t kTextMax = 512;
 
-template <size_t N>
-void CopyText(char (&out)[N], const char *text)
+template <size_t N> void CopyText(char (&out)[N], const char *text)
 {
     std::snprintf(out, N, "%s", text != nullptr ? text : "");
 }

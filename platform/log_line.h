@@ -14,7 +14,10 @@ namespace talvo {
 inline constexpr int32_t kDefaultLogThreshold = 2; // errors and warnings
 
 // E error, W warning, D debug, I info, T trace; '?' for anything else.
-inline char LevelLetter(int32_t level) { return level >= 1 && level <= 5 ? "EWDIT"[level - 1] : '?'; }
+inline char LevelLetter(int32_t level)
+{
+    return level >= 1 && level <= 5 ? "EWDIT"[level - 1] : '?';
+}
 
 // The value of TALVO_LOG_LEVEL: a decimal number, anything else (or
 // nothing) gives the default.

@@ -184,6 +184,12 @@ void *TalvoMalloc(uint32_t type, size_t size)
     return talvo::AllocCounted(size);
 }
 
-void TalvoFree(void *ptr) { talvo::FreeCounted(ptr); }
+void TalvoFree(void *ptr)
+{
+    talvo::FreeCounted(ptr);
+}
 
-int64_t TalvoTestOutstandingAllocs(void) { return talvo::g_outstanding.load(std::memory_order_relaxed); }
+int64_t TalvoTestOutstandingAllocs(void)
+{
+    return talvo::g_outstanding.load(std::memory_order_relaxed);
+}

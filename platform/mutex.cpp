@@ -25,9 +25,15 @@ static_assert(std::atomic<uintptr_t>::is_always_lock_free);
 
 // The address of a thread_local is unique among live threads.
 thread_local char t_token;
-uintptr_t Self() { return reinterpret_cast<uintptr_t>(&t_token); }
+uintptr_t Self()
+{
+    return reinterpret_cast<uintptr_t>(&t_token);
+}
 
-NativeMutex *Native(TALVOMutex *mutex) { return std::launder(reinterpret_cast<NativeMutex *>(mutex->opaque)); }
+NativeMutex *Native(TALVOMutex *mutex)
+{
+    return std::launder(reinterpret_cast<NativeMutex *>(mutex->opaque));
+}
 
 } // namespace
 

@@ -103,11 +103,10 @@ struct Conversion {
 
 // Everything else (%n among them) is refused. %m is glibc's strerror(errno).
 constexpr Conversion kConversions[] = {
-    {'d', Arg::kInteger},  {'i', Arg::kInteger},    {'o', Arg::kInteger},  {'u', Arg::kInteger},
-    {'x', Arg::kInteger},  {'X', Arg::kInteger},    {'c', Arg::kChar},     {'C', Arg::kWideChar},
-    {'s', Arg::kString},   {'S', Arg::kWideString}, {'f', Arg::kFloating}, {'F', Arg::kFloating},
-    {'e', Arg::kFloating}, {'E', Arg::kFloating},   {'g', Arg::kFloating}, {'G', Arg::kFloating},
-    {'a', Arg::kFloating}, {'A', Arg::kFloating},   {'p', Arg::kPointer},  {'m', Arg::kNothing},
+    {'d', Arg::kInteger},  {'i', Arg::kInteger},  {'o', Arg::kInteger},  {'u', Arg::kInteger},  {'x', Arg::kInteger},
+    {'X', Arg::kInteger},  {'c', Arg::kChar},     {'C', Arg::kWideChar}, {'s', Arg::kString},   {'S', Arg::kWideString},
+    {'f', Arg::kFloating}, {'F', Arg::kFloating}, {'e', Arg::kFloating}, {'E', Arg::kFloating}, {'g', Arg::kFloating},
+    {'G', Arg::kFloating}, {'a', Arg::kFloating}, {'A', Arg::kFloating}, {'p', Arg::kPointer},  {'m', Arg::kNothing},
 };
 
 const Conversion *FindConversion(char letter)

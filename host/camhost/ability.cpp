@@ -84,8 +84,7 @@ private:
 };
 
 // A value that may be one object or an array of them.
-template <typename Visit>
-void ForEach(const json &value, Visit &&visit)
+template <typename Visit> void ForEach(const json &value, Visit &&visit)
 {
     if (value.is_array()) {
         for (const auto &item : value) {
@@ -134,9 +133,8 @@ Offers ReadOffers(const json &ability)
         return offers;
     }
     ForEach(ability.value("frameAbility", json()), [&](const json &entry) {
-        ForEach(entry.value("supportFormats", json()), [&](const json &format) {
-            offers.formats.push_back(format.get<std::string>());
-        });
+        ForEach(entry.value("supportFormats", json()),
+                [&](const json &format) { offers.formats.push_back(format.get<std::string>()); });
         ReadRanges(entry, offers);
     });
     const json streams = ability.value("streamAbility", json::object()).value("supportStreamTypes", json::object());
@@ -170,8 +168,8 @@ std::string Unoffered(const Offers &offers, const std::string &format, int width
     if (!rateOk) {
         std::string list;
         for (const auto &[lo, hi] : offers.fpsRanges) {
-            list += (list.empty() ? "" : ", ") + (lo == hi ? std::to_string(lo) : std::to_string(lo) + "-" +
-                                                                                    std::to_string(hi));
+            list += (list.empty() ? "" : ", ") +
+                    (lo == hi ? std::to_string(lo) : std::to_string(lo) + "-" + std::to_string(hi));
         }
         add(std::to_string(fps) + " fps not offered (offers " + list + ")");
     }

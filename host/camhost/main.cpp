@@ -300,8 +300,9 @@ int main(int argc, char **argv)
                  "streams"};
     app.option_defaults()->always_capture_default();
     app.set_version_flag("--version", std::string("camhost ") + CAMHOST_VERSION);
-    app.add_option("-c,--camera", opt.cameras, "cameras, comma separated: vendor ids (0) or names as --list shows "
-                                                "them (Camera_0)")
+    app.add_option("-c,--camera", opt.cameras,
+                   "cameras, comma separated: vendor ids (0) or names as --list shows "
+                   "them (Camera_0)")
         ->delimiter(',');
     app.add_option("-s,--size", opt.size, "picture size WxH (even numbers)");
     app.add_option("-r,--fps", opt.fps, "frame rate")->check(CLI::Range(1, 120));
@@ -481,7 +482,9 @@ int main(int argc, char **argv)
         host.SetCallback(serviceId, [raw](const camhost::CameraMessage &message) { raw->OnMessage(message); });
         streams.push_back(std::move(stream));
         const std::string why = camhost::Unoffered(plan.offers, plan.neg.format, width, height, opt.fps);
-        nlohmann::json open = {{"Width", width}, {"Height", height}, {"ColorFormat", plan.neg.colorFormat},
+        nlohmann::json open = {{"Width", width},
+                               {"Height", height},
+                               {"ColorFormat", plan.neg.colorFormat},
                                {"CodecType", plan.neg.codecType}};
         int32_t status = host.SetParams(serviceId, open.dump());
         if (status != 0) {
@@ -617,8 +620,8 @@ int main(int argc, char **argv)
     if (!opt.snapshot.empty()) {
         int w = 0;
         int h = 0;
-        std::string error = camhost::WriteSnapshot(streams.front()->LastPictureBytes(),
-                                                   streams.front()->codecType(), opt.snapshot, w, h);
+        std::string error = camhost::WriteSnapshot(streams.front()->LastPictureBytes(), streams.front()->codecType(),
+                                                   opt.snapshot, w, h);
         if (!error.empty()) {
             exitCode = exitCode != 0 ? exitCode : kExitFailed;
             Fail("snapshot: " + error);

@@ -68,8 +68,7 @@ std::string AvError(int code)
 }
 
 // Annex B NAL units of `unit`, each without its start code.
-template <typename Visit>
-void ForEachNal(std::span<const uint8_t> unit, Visit &&visit)
+template <typename Visit> void ForEachNal(std::span<const uint8_t> unit, Visit &&visit)
 {
     size_t start = SIZE_MAX;
     for (size_t i = 0; i + 2 < unit.size(); ++i) {
@@ -230,8 +229,7 @@ public:
             ts = lastTs_ + 1; // a container wants strictly increasing times
         }
         // A unit lasts until the next; the last one as long as the one before.
-        const int64_t duration =
-            lastTs_ >= 0 ? ts - lastTs_ : av_rescale_q(1, {1, spec_.fps}, stream_->time_base);
+        const int64_t duration = lastTs_ >= 0 ? ts - lastTs_ : av_rescale_q(1, {1, spec_.fps}, stream_->time_base);
         lastTs_ = ts;
         if (av_new_packet(packet_, static_cast<int>(unit.size())) < 0) {
             return Fail();
@@ -307,8 +305,9 @@ private:
         if (!ok) {
             writeError_ = "cannot write " + spec_.sdpPath;
         } else {
-            std::fprintf(stderr, "session description written to %s (open it with ffplay -protocol_whitelist "
-                                 "file,rtp,udp %s)\n",
+            std::fprintf(stderr,
+                         "session description written to %s (open it with ffplay -protocol_whitelist "
+                         "file,rtp,udp %s)\n",
                          spec_.sdpPath.c_str(), spec_.sdpPath.c_str());
         }
         return ok;

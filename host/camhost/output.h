@@ -16,9 +16,9 @@ struct OutputSpec {
     int32_t codecType = 1; // 1 H.264, 2 H.265 (what reaches the output)
     int width = 0;
     int height = 0;
-    int fps = 30;          // a hint for players; time stamps rule
+    int fps = 30; // a hint for players; time stamps rule
     bool overwrite = false;
-    std::string sdpPath;   // RTP: where the session description goes; empty prints it
+    std::string sdpPath; // RTP: where the session description goes; empty prints it
 };
 
 class Output {

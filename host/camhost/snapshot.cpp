@@ -62,8 +62,8 @@ std::string WritePng(const std::string &path, const uint8_t *rgb, int stride, in
 
 } // namespace
 
-std::string WriteSnapshot(const std::vector<uint8_t> &stream, int32_t codecType, const std::string &pngPath,
-                          int &width, int &height)
+std::string WriteSnapshot(const std::vector<uint8_t> &stream, int32_t codecType, const std::string &pngPath, int &width,
+                          int &height)
 {
     const AVCodec *codec = avcodec_find_decoder(codecType == 2 ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264);
     if (codec == nullptr) {

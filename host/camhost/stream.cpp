@@ -20,9 +20,10 @@ int64_t LatencyHistogram::UpperEdgeUs(size_t bucket)
 void LatencyHistogram::Add(int64_t us)
 {
     us = std::max<int64_t>(us, 0);
-    const size_t bucket = us < kFineEndUs ? static_cast<size_t>(us / kFineUs)
-                                          : std::min(kBuckets - 1, static_cast<size_t>(kFineEndUs / kFineUs +
-                                                                                       (us - kFineEndUs) / kCoarseUs));
+    const size_t bucket =
+        us < kFineEndUs
+            ? static_cast<size_t>(us / kFineUs)
+            : std::min(kBuckets - 1, static_cast<size_t>(kFineEndUs / kFineUs + (us - kFineEndUs) / kCoarseUs));
     ++buckets_[bucket];
     ++count_;
     sumUs_ += us;
@@ -51,8 +52,7 @@ double LatencyHistogram::QuantileMs(double fraction) const
 
 CameraStream::CameraStream(std::string serviceId, int32_t codecType, uint64_t limit, bool keepLastPicture)
     : serviceId_(std::move(serviceId)), codecType_(codecType), limit_(limit), keepLastPicture_(keepLastPicture)
-{
-}
+{}
 
 void CameraStream::OnMessage(const CameraMessage &message)
 {

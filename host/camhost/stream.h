@@ -41,9 +41,9 @@ private:
 };
 
 struct StreamFigures {
-    uint64_t units = 0;    // written
+    uint64_t units = 0; // written
     uint64_t bytes = 0;
-    double seconds = 0;    // from the first unit written to the last
+    double seconds = 0; // from the first unit written to the last
     double meanLatencyMs = 0;
     double p50LatencyMs = 0;
     double p99LatencyMs = 0;

@@ -12,7 +12,7 @@
 #endif
 
 #define KX_ABI_SIZE(type, size) KX_ABI_CHECK(sizeof(type) == (size), #type " must be " #size " bytes")
-#define KX_ABI_OFFSET(type, field, off) \
+#define KX_ABI_OFFSET(type, field, off)                                                                                \
     KX_ABI_CHECK(offsetof(type, field) == (off), #type "." #field " must sit at " #off)
 
 /* Every layout below is the LP64 one of the 64-bit targets. */

@@ -66,8 +66,8 @@ KX_ABI_OFFSET(KxExtendInfo, value, 16);
 
 /* The vendor's description of one camera; the array stays the vendor's. */
 typedef struct {
-    const char *id;  /* vendor camera id, NUL at id[idLen] */
-    uint32_t idLen;  /* at most 64 */
+    const char *id; /* vendor camera id, NUL at id[idLen] */
+    uint32_t idLen; /* at most 64 */
     uint32_t reserved0;
     const KxCameraAbility *abilities;
     uint32_t abilityNum;
@@ -116,8 +116,7 @@ KX_ABI_OFFSET(KxServiceAction, value, 8);
 KX_ABI_OFFSET(KxServiceAction, valueLen, 16);
 
 /* Frame callback handed to OpenCamera; called on the vendor's threads. */
-typedef int32_t (*KxFrameCallback)(const char *vendorId, uint32_t vendorIdLen, const uint8_t *data,
-                                   uint32_t length);
+typedef int32_t (*KxFrameCallback)(const char *vendorId, uint32_t vendorIdLen, const uint8_t *data, uint32_t length);
 
 typedef int32_t (*KxUpdateServiceStatus)(const char *id, uint32_t idLen, uint32_t status);
 typedef int32_t (*KxUpdateServiceAction)(const char *id, uint32_t idLen, const KxServiceAction *action);

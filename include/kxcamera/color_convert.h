@@ -30,7 +30,8 @@ KX_ABI_OFFSET(KxImage, data, 16);
 #if defined(__GNUC__)
 __attribute__((visibility("default")))
 #endif
-int32_t TALVOColorConvert(const KxImage *srcImg, const KxImage *dstImg);
+int32_t
+TALVOColorConvert(const KxImage *srcImg, const KxImage *dstImg);
 
 #ifdef __cplusplus
 }

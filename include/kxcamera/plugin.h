@@ -78,17 +78,17 @@ KX_ABI_OFFSET(KxServiceHandler, reserved8, 64);
 
 /* The process-wide state of the plugin; zero at load, never allocated. */
 typedef struct {
-    uint8_t inited;                  /* 1 while the service is loaded */
-    TALVOMutex lock;                 /* the module lock */
-    KxCameraHandler cameraHandler;   /* filled by the camera handler library */
-    uint32_t vencAbilityNum;         /* 0..2; above 0: an encoder is available */
+    uint8_t inited;                /* 1 while the service is loaded */
+    TALVOMutex lock;               /* the module lock */
+    KxCameraHandler cameraHandler; /* filled by the camera handler library */
+    uint32_t vencAbilityNum;       /* 0..2; above 0: an encoder is available */
     KxVencAbility vencAbility[KX_VENC_ABILITY_CAPACITY];
     KxVideoEncoderHandler vencHandler; /* filled by the video encoder library */
-    TALVODllHead serviceList;        /* camera service records, vendor order */
-    KxServiceCallbacks serviceCb;    /* copy of the framework's table */
+    TALVODllHead serviceList;          /* camera service records, vendor order */
+    KxServiceCallbacks serviceCb;      /* copy of the framework's table */
     void *cameraLibHandle;
     void *vencLibHandle;
-    void *eventsHandle;              /* the module event queue */
+    void *eventsHandle; /* the module event queue */
     KxGlbCmdCallback glbCmdCb;
 } KxCameraModule;
 

@@ -81,16 +81,16 @@ KX_ABI_OFFSET(KxCallbackPayload, len, 152);
 
 /* One frame or one encoded unit; belongs to the framework once handed over. */
 typedef struct {
-    uint8_t *data;        /* the unit's own copy of the bytes */
-    int32_t length;       /* bytes in data */
+    uint8_t *data;  /* the unit's own copy of the bytes */
+    int32_t length; /* bytes in data */
     uint8_t reserved0[4];
-    int64_t timeStamp;    /* microseconds */
-    int32_t streamType;   /* 0 raw frame, 1 H.264, 2 H.265 */
-    int32_t dataType;     /* always 102 */
+    int64_t timeStamp;  /* microseconds */
+    int32_t streamType; /* 0 raw frame, 1 H.264, 2 H.265 */
+    int32_t dataType;   /* always 102 */
     uint8_t reserved1[12];
-    int32_t csp;          /* colour space of a raw frame: 0 I420, 1 NV12, 2 NV21, 4 RGB565 */
-    int32_t width;        /* pixels */
-    int32_t height;       /* pixels */
+    int32_t csp;    /* colour space of a raw frame: 0 I420, 1 NV12, 2 NV21, 4 RGB565 */
+    int32_t width;  /* pixels */
+    int32_t height; /* pixels */
     uint8_t reserved2[8];
 } KxVideoAccessUnit;
 KX_ABI_SIZE(KxVideoAccessUnit, 64);

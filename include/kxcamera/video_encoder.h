@@ -116,8 +116,7 @@ typedef struct {
     int32_t (*VideoEncoderGetAbility)(KxVencAbility *abilities, uint32_t capacity, uint32_t *num);
     int32_t (*VideoEncoderCreate)(void **handle, const KxVencCreateParams *params);
     int32_t (*VideoEncoderConfigure)(void *handle, const KxVencConfigParams *params);
-    int32_t (*VideoEncoderProcess)(void *handle, const KxVencInputFrame *input, uint32_t flags,
-                                   KxVencOutput *output);
+    int32_t (*VideoEncoderProcess)(void *handle, const KxVencInputFrame *input, uint32_t flags, KxVencOutput *output);
     int32_t (*VideoEncoderDestroy)(void **handle);
 } KxVideoEncoderHandler;
 KX_ABI_SIZE(KxVideoEncoderHandler, 5 * 8);

@@ -107,8 +107,7 @@ TALVODllNode *TALVODllGet(TALVODllHead *head); /* unlinks the first node, or NUL
 typedef int32_t (*TALVOEventHandler)(uint32_t what, void *msg);
 typedef void (*TALVOEventRelease)(uint32_t what, void *msg);
 void *TALVOEventsCreate(const char *name, uint32_t threads, uint32_t flags, uint32_t capacity);
-int32_t TALVOEventsCall(void *events, TALVOEventHandler handler, uint32_t what, void *msg,
-                        TALVOEventRelease release);
+int32_t TALVOEventsCall(void *events, TALVOEventHandler handler, uint32_t what, void *msg, TALVOEventRelease release);
 int32_t TALVOEventsDestroy(void *events);
 
 /*

@@ -19,7 +19,10 @@ namespace {
 std::array<std::atomic<uint64_t>, TALVO_FN_COUNT> g_calls{};
 std::array<std::atomic<uint64_t>, TALVO_FN_COUNT> g_failAt{};
 
-bool Known(TalvoTestFn fn) { return fn >= 0 && fn < TALVO_FN_COUNT; }
+bool Known(TalvoTestFn fn)
+{
+    return fn >= 0 && fn < TALVO_FN_COUNT;
+}
 
 bool CountAndFail(TalvoTestFn fn)
 {
@@ -32,7 +35,10 @@ constexpr TestHooks kHooks{CountAndFail, RouteLog, CaptureLog};
 
 } // namespace
 
-void InstallTestHooks() { g_testHooks.store(&kHooks, std::memory_order_release); }
+void InstallTestHooks()
+{
+    g_testHooks.store(&kHooks, std::memory_order_release);
+}
 
 } // namespace talvo
 

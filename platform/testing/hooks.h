@@ -22,7 +22,10 @@ struct TestHooks {
 
 extern std::atomic<const TestHooks *> g_testHooks;
 
-inline const TestHooks *ActiveTestHooks() { return g_testHooks.load(std::memory_order_acquire); }
+inline const TestHooks *ActiveTestHooks()
+{
+    return g_testHooks.load(std::memory_order_acquire);
+}
 
 // Counts one call of fn; true when a test asked this very call to fail.
 inline bool CallFails(TalvoTestFn fn)

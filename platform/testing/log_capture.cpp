@@ -12,8 +12,7 @@
 namespace talvo {
 namespace {
 
-template <size_t N>
-void CopyText(char (&out)[N], const char *text)
+template <size_t N> void CopyText(char (&out)[N], const char *text)
 {
     std::snprintf(out, N, "%s", text != nullptr ? text : "");
 }
@@ -48,8 +47,7 @@ std::atomic<bool> g_captureOn{false};
 std::mutex g_captureLock;
 std::vector<TalvoTestLogEntry> g_captured;
 
-template <int32_t Level>
-void RecordingHook(const char *tag, const char *func, const char *fmt, ...)
+template <int32_t Level> void RecordingHook(const char *tag, const char *func, const char *fmt, ...)
 {
     (void)fmt; // formatted once, by TalvoDfxlog
     RouteLog(Level, tag, func, true);

@@ -21,23 +21,23 @@ int32_t RefuseUnknownCode(uint32_t code)
 int32_t DispatchCommand(KxCameraService *service, KxCommand *command)
 {
     switch (command->code) {
-        case KX_CMD_GET_ABILITY:
-            return DoGetCameraAbilityCmd(service, command);
-        case KX_CMD_GET_WORK_MODE:
-            return DoCameraGetWorkModeOpt(service, command);
-        case KX_CMD_RESERVED_8:
-        case KX_CMD_RESERVED_9:
-            return 0;
-        case KX_CMD_OPEN:
-            return DoOpenCameraCmd(service, command);
-        case KX_CMD_CLOSE:
-            return DoCloseCameraCmd(service, command);
-        case KX_CMD_SET_PARAMS:
-            return DoSetCameraParamsCmd(service, command);
-        case KX_CMD_TRIGGER_IFRAME:
-            return DoTALVOCameraTriggerIFrameCmd(service, command);
-        default:
-            return RefuseUnknownCode(command->code);
+    case KX_CMD_GET_ABILITY:
+        return DoGetCameraAbilityCmd(service, command);
+    case KX_CMD_GET_WORK_MODE:
+        return DoCameraGetWorkModeOpt(service, command);
+    case KX_CMD_RESERVED_8:
+    case KX_CMD_RESERVED_9:
+        return 0;
+    case KX_CMD_OPEN:
+        return DoOpenCameraCmd(service, command);
+    case KX_CMD_CLOSE:
+        return DoCloseCameraCmd(service, command);
+    case KX_CMD_SET_PARAMS:
+        return DoSetCameraParamsCmd(service, command);
+    case KX_CMD_TRIGGER_IFRAME:
+        return DoTALVOCameraTriggerIFrameCmd(service, command);
+    default:
+        return RefuseUnknownCode(command->code);
     }
 }
 

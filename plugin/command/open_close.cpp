@@ -34,8 +34,8 @@ int32_t DoOpenCameraCmd(KxCameraService *service, KxCommand *)
     ret = vendor.StartCamera(&params);
     if (ret != 0) {
         // The vendor camera stays opened; the next close closes it.
-        LOGE("open camera:id %s width %d height %d fps %d dataFmt %d failed", service->anonyServiceId,
-             params.width, params.height, params.fps, params.dataFmt);
+        LOGE("open camera:id %s width %d height %d fps %d dataFmt %d failed", service->anonyServiceId, params.width,
+             params.height, params.fps, params.dataFmt);
         return ret;
     }
     DoNotifyCameraState(service, kStateOpened);

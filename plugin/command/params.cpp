@@ -13,14 +13,10 @@ constexpr uint32_t kAttrValueSize = 50;
 constexpr int32_t kMaxCodecType = 2;
 constexpr int32_t kVideoCodecTypeCount = 3;
 
-
 struct AttrBuffer {
     char text[kAttrValueSize] = {};
 
-    bool Read(const char *paramString, const char *key)
-    {
-        return GetAttribute(paramString, key, text, kAttrValueSize);
-    }
+    bool Read(const char *paramString, const char *key) { return GetAttribute(paramString, key, text, kAttrValueSize); }
     int32_t Value() const { return TalvoAtoi(text); }
 };
 
@@ -33,13 +29,13 @@ uint32_t MapDataFmt(const KxNegParams &neg)
         return KX_DATA_FMT_H265;
     }
     switch (neg.colorFmt) {
-        case kNegColorFmtNv21:
-            return KX_DATA_FMT_NV21;
-        case kNegColorFmtRgb565:
-            return KX_DATA_FMT_RGB565;
-        default:
-            LOGW("unknown color format, set open camera fmt default value %d", KX_DATA_FMT_NV21);
-            return KX_DATA_FMT_NV21;
+    case kNegColorFmtNv21:
+        return KX_DATA_FMT_NV21;
+    case kNegColorFmtRgb565:
+        return KX_DATA_FMT_RGB565;
+    default:
+        LOGW("unknown color format, set open camera fmt default value %d", KX_DATA_FMT_NV21);
+        return KX_DATA_FMT_NV21;
     }
 }
 
@@ -97,8 +93,8 @@ int32_t GetCameraOpenParams(const char *paramString, KxNegParams *negParams)
 
     LOGD("GetNegCameraParams negCodecType");
     if (negParams->codecType > kMaxCodecType) {
-        LOGW("set parameter of codec type (%d) has over max video codec type (%d), use default.",
-             negParams->codecType, kVideoCodecTypeCount);
+        LOGW("set parameter of codec type (%d) has over max video codec type (%d), use default.", negParams->codecType,
+             kVideoCodecTypeCount);
         negParams->codecType = 0;
     }
     LOGI("camera params: width %d height %d colorfmt %d codecType %d", negParams->width, negParams->height,

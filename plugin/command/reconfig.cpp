@@ -128,8 +128,8 @@ int32_t DoTALVOCameraTriggerIFrameCmd(KxCameraService *service, KxCommand *comma
     // The request names no camera: the vendor's next frame is a key frame.
     const int32_t ret = businessControl(kControlKeyFrame, nullptr, 0, nullptr, 0);
     if (ret != 0) {
-        LOGE("camera [%s] bussiness control set: %d, control: %d ret: %d error", service->anonyServiceId,
-             command->code, kControlKeyFrame, ret);
+        LOGE("camera [%s] bussiness control set: %d, control: %d ret: %d error", service->anonyServiceId, command->code,
+             kControlKeyFrame, ret);
     }
     LOGD("camera [%s] bussiness control set: %d, control: %d ret: %d end", service->anonyServiceId, command->code,
          kControlKeyFrame, ret);

@@ -7,7 +7,10 @@
 
 namespace kx {
 
-inline TALVODllNode *ListHead(TALVODllHead &list) { return reinterpret_cast<TALVODllNode *>(&list); }
+inline TALVODllNode *ListHead(TALVODllHead &list)
+{
+    return reinterpret_cast<TALVODllNode *>(&list);
+}
 
 inline void ListReset(TALVODllHead &list)
 {
@@ -17,15 +20,20 @@ inline void ListReset(TALVODllHead &list)
 }
 
 // A head never linked to itself (all zero) is empty too.
-inline bool ListEmpty(const TALVODllHead &list) { return list.count == 0 || list.first == nullptr; }
+inline bool ListEmpty(const TALVODllHead &list)
+{
+    return list.count == 0 || list.first == nullptr;
+}
 
 // Where an append links a node: after the last, or after the head itself.
-inline TALVODllNode *ListTail(TALVODllHead &list) { return list.last != nullptr ? list.last : ListHead(list); }
+inline TALVODllNode *ListTail(TALVODllHead &list)
+{
+    return list.last != nullptr ? list.last : ListHead(list);
+}
 
 // Visits the nodes from the first until the walk is back at the head,
 // reading each successor before the visit, which may free the node.
-template <typename Visit>
-void ListForEach(TALVODllHead &list, Visit visit)
+template <typename Visit> void ListForEach(TALVODllHead &list, Visit visit)
 {
     if (ListEmpty(list)) {
         return;
@@ -39,8 +47,7 @@ void ListForEach(TALVODllHead &list, Visit visit)
 }
 
 // The data of the first node whose data satisfies `match`, or null.
-template <typename T, typename Match>
-T *ListFind(TALVODllHead &list, Match match)
+template <typename T, typename Match> T *ListFind(TALVODllHead &list, Match match)
 {
     T *found = nullptr;
     ListForEach(list, [&](TALVODllNode *node) {

@@ -28,8 +28,7 @@ enum LogLevel : int32_t {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-template <typename... Args>
-void Log(int32_t level, const char *tag, const char *func, const char *fmt, Args... args)
+template <typename... Args> void Log(int32_t level, const char *tag, const char *func, const char *fmt, Args... args)
 {
     if (level >= kLogError && level <= kLogInfo) {
         TALVOLogHook hook = g_talvoLogFunc[kLogInfo - level];
@@ -48,12 +47,12 @@ void Log(int32_t level, const char *tag, const char *func, const char *fmt, Args
 } // namespace kx
 
 // A message logged on behalf of `func`, for helpers that speak for their caller.
-#define KX_LOG_AS(func, level, tag, fmt, ...)                                     \
-    do {                                                                          \
-        if (false) {                                                              \
-            ::kx::CheckFormat(fmt __VA_OPT__(, ) __VA_ARGS__);                    \
-        }                                                                         \
-        ::kx::Log(level, tag, func, fmt __VA_OPT__(, ) __VA_ARGS__);              \
+#define KX_LOG_AS(func, level, tag, fmt, ...)                                                                          \
+    do {                                                                                                               \
+        if (false) {                                                                                                   \
+            ::kx::CheckFormat(fmt __VA_OPT__(, ) __VA_ARGS__);                                                         \
+        }                                                                                                              \
+        ::kx::Log(level, tag, func, fmt __VA_OPT__(, ) __VA_ARGS__);                                                   \
     } while (0)
 
 #define KX_LOG(level, tag, fmt, ...) KX_LOG_AS(__func__, level, tag, fmt __VA_OPT__(, ) __VA_ARGS__)

@@ -14,11 +14,13 @@ namespace kx {
 // The framework's pool tag for every allocation of this plugin.
 inline constexpr uint32_t kMallocType = 2;
 
-inline void *Alloc(size_t size) { return TalvoMalloc(kMallocType, size); }
+inline void *Alloc(size_t size)
+{
+    return TalvoMalloc(kMallocType, size);
+}
 
 // A zeroed T, or null.
-template <typename T>
-T *AllocZeroed()
+template <typename T> T *AllocZeroed()
 {
     void *block = Alloc(sizeof(T));
     if (block != nullptr) {
@@ -28,8 +30,7 @@ T *AllocZeroed()
 }
 
 // Frees a block and clears the pointer that held it.
-template <typename T>
-void FreeAndClear(T *&block)
+template <typename T> void FreeAndClear(T *&block)
 {
     TalvoFree(block);
     block = nullptr;

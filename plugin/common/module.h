@@ -8,7 +8,10 @@
 
 namespace kx {
 
-inline bool ModuleInited() { return __atomic_load_n(&g_cameraModule.inited, __ATOMIC_ACQUIRE) != 0; }
+inline bool ModuleInited()
+{
+    return __atomic_load_n(&g_cameraModule.inited, __ATOMIC_ACQUIRE) != 0;
+}
 
 inline void SetModuleInited(bool inited)
 {

@@ -20,8 +20,7 @@ inline bool OncePerSecond(int64_t *lastUs)
         return false;
     }
     // 0 means "never"; a clock that reads 0 still counts as a time.
-    return __atomic_compare_exchange_n(lastUs, &last, now != 0 ? now : 1, false, __ATOMIC_RELAXED,
-                                       __ATOMIC_RELAXED);
+    return __atomic_compare_exchange_n(lastUs, &last, now != 0 ? now : 1, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
 }
 
 } // namespace kx

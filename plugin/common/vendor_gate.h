@@ -48,6 +48,9 @@ inline void ShutVendorGate()
     }
 }
 
-inline void OpenVendorGate() { __atomic_store_n(&g_vendorGateShut, 0, __ATOMIC_SEQ_CST); }
+inline void OpenVendorGate()
+{
+    __atomic_store_n(&g_vendorGateShut, 0, __ATOMIC_SEQ_CST);
+}
 
 } // namespace kx

@@ -13,7 +13,6 @@
 
 namespace {
 
-
 // Which of the record's callbacks an entry point replaces.
 enum class CallbackSlot { kCmd, kGetCmd };
 

@@ -52,10 +52,10 @@ bool Failed(int written)
 
 // A macro rather than a function so that every format stays a literal the
 // compiler checks against its arguments.
-#define KX_APPEND(buffer, size, ...)                           \
-    [&] {                                                      \
-        const Tail tail = TailOf(buffer, size);                \
-        return sprintf_s(tail.at, tail.room, __VA_ARGS__);     \
+#define KX_APPEND(buffer, size, ...)                                                                                   \
+    [&] {                                                                                                              \
+        const Tail tail = TailOf(buffer, size);                                                                        \
+        return sprintf_s(tail.at, tail.room, __VA_ARGS__);                                                             \
     }()
 
 int32_t BuildSubFpsAbilityString(const KxCameraAbility *ability, char *buffer, int32_t size)
@@ -70,11 +70,10 @@ int32_t BuildSubFpsAbilityString(const KxCameraAbility *ability, char *buffer, i
     }
     for (uint32_t i = 0; i < count; ++i) {
         const KxFpsRange &range = ability->supportFpsRanges[i];
-        const int written = (i + 1 < count)
-                                ? KX_APPEND(buffer, size, "{\"min\":%d, \"max\":%d},", AsSigned(range.min),
-                                            AsSigned(range.max))
-                                : KX_APPEND(buffer, size, "{\"min\":%d, \"max\":%d}", AsSigned(range.min),
-                                            AsSigned(range.max));
+        const int written =
+            (i + 1 < count)
+                ? KX_APPEND(buffer, size, "{\"min\":%d, \"max\":%d},", AsSigned(range.min), AsSigned(range.max))
+                : KX_APPEND(buffer, size, "{\"min\":%d, \"max\":%d}", AsSigned(range.min), AsSigned(range.max));
         if (Failed(written)) {
             return kx::kErrInvalid;
         }
@@ -97,11 +96,10 @@ int32_t BuildSubResAbilityString(const KxCameraAbility *ability, char *buffer, i
     }
     for (uint32_t i = 0; i < count; ++i) {
         const KxPictureSize &picture = ability->supportSizes[i];
-        const int written = (i + 1 < count)
-                                ? KX_APPEND(buffer, size, "{\"width\": %d, \"height\": %d}, ",
-                                            AsSigned(picture.width), AsSigned(picture.height))
-                                : KX_APPEND(buffer, size, "{\"width\": %d, \"height\": %d}",
-                                            AsSigned(picture.width), AsSigned(picture.height));
+        const int written = (i + 1 < count) ? KX_APPEND(buffer, size, "{\"width\": %d, \"height\": %d}, ",
+                                                        AsSigned(picture.width), AsSigned(picture.height))
+                                            : KX_APPEND(buffer, size, "{\"width\": %d, \"height\": %d}",
+                                                        AsSigned(picture.width), AsSigned(picture.height));
         if (Failed(written)) {
             return kx::kErrInvalid;
         }

@@ -270,11 +270,12 @@ KxCameraService *GetCameraHandlerById(const char *id, uint32_t)
 
 KxCameraService *GetCameraHandlerByVendorId(const char *vendorId, uint32_t)
 {
-    KxCameraService *found = vendorId == nullptr ? nullptr
-                             : kx::ListFind<KxCameraService>(g_cameraModule.serviceList,
-                                                             [vendorId](const KxCameraService &record) {
-                                                                 return TALVOStrcmp(record.vendorId, vendorId) == 0;
-                                                             });
+    KxCameraService *found =
+        vendorId == nullptr
+            ? nullptr
+            : kx::ListFind<KxCameraService>(g_cameraModule.serviceList, [vendorId](const KxCameraService &record) {
+                  return TALVOStrcmp(record.vendorId, vendorId) == 0;
+              });
     if (found != nullptr) {
         return found;
     }

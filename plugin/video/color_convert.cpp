@@ -49,15 +49,14 @@ bool GeometryUsable(const KxImage *src, int32_t srcBytesPerPixel, const KxImage 
                         static_cast<int64_t>(src->stride) >= static_cast<int64_t>(src->width) * srcBytesPerPixel &&
                         dst->stride >= dst->width;
     if (!usable) {
-        MEDIA_LOGE("image geometry not usable: width %d height %d src stride %d dst stride %d", src->width,
-                   src->height, src->stride, dst->stride);
+        MEDIA_LOGE("image geometry not usable: width %d height %d src stride %d dst stride %d", src->width, src->height,
+                   src->stride, dst->stride);
     }
     return usable;
 }
 
 // Runs one libyuv conversion on images whose geometry it can trust.
-template <typename Call>
-int32_t Convert(const KxImage *src, int32_t srcBytesPerPixel, const KxImage *dst, Call call)
+template <typename Call> int32_t Convert(const KxImage *src, int32_t srcBytesPerPixel, const KxImage *dst, Call call)
 {
     if (!GeometryUsable(src, srcBytesPerPixel, dst)) {
         return ::kx::kErrUnsupported;
@@ -93,8 +92,8 @@ int32_t ColorConvertNV212I420(const KxImage *srcImg, const KxImage *dstImg)
     return Convert(srcImg, 1, dstImg, [&] {
         const Planes src = SemiPlanes(srcImg);
         const Planes dst = I420Planes(dstImg);
-        return libyuv::NV21ToI420(src.y, src.yStride, src.u, src.cStride, dst.y, dst.yStride, dst.u, dst.cStride,
-                                  dst.v, dst.cStride, srcImg->width, srcImg->height);
+        return libyuv::NV21ToI420(src.y, src.yStride, src.u, src.cStride, dst.y, dst.yStride, dst.u, dst.cStride, dst.v,
+                                  dst.cStride, srcImg->width, srcImg->height);
     });
 }
 
@@ -103,16 +102,25 @@ int32_t ColorConvertI4202NV12(const KxImage *srcImg, const KxImage *dstImg)
     return Convert(srcImg, 1, dstImg, [&] {
         const Planes src = I420Planes(srcImg);
         const Planes dst = SemiPlanes(dstImg);
-        return libyuv::I420ToNV12(src.y, src.yStride, src.u, src.cStride, src.v, src.cStride, dst.y, dst.yStride,
-                                  dst.u, dst.cStride, srcImg->width, srcImg->height);
+        return libyuv::I420ToNV12(src.y, src.yStride, src.u, src.cStride, src.v, src.cStride, dst.y, dst.yStride, dst.u,
+                                  dst.cStride, srcImg->width, srcImg->height);
     });
 }
 
 #else
 
-int32_t ColorConvertRGB5652I420(const KxImage *, const KxImage *) { return Unsupported(); }
-int32_t ColorConvertNV212I420(const KxImage *, const KxImage *) { return Unsupported(); }
-int32_t ColorConvertI4202NV12(const KxImage *, const KxImage *) { return Unsupported(); }
+int32_t ColorConvertRGB5652I420(const KxImage *, const KxImage *)
+{
+    return Unsupported();
+}
+int32_t ColorConvertNV212I420(const KxImage *, const KxImage *)
+{
+    return Unsupported();
+}
+int32_t ColorConvertI4202NV12(const KxImage *, const KxImage *)
+{
+    return Unsupported();
+}
 
 #endif
 

@@ -15,9 +15,8 @@ struct BitrateRow {
 
 // Searched in this order; the first exact match wins.
 constexpr BitrateRow kBitrateTable[] = {
-    {480, 360, 1110000},  {640, 360, 1500000},  {640, 480, 1800000},
-    {720, 540, 2100000},  {960, 540, 2300000},  {960, 720, 2800000},
-    {1280, 720, 3400000}, {1440, 1080, 5000000}, {1920, 1080, 6000000},
+    {480, 360, 1110000}, {640, 360, 1500000},  {640, 480, 1800000},   {720, 540, 2100000},   {960, 540, 2300000},
+    {960, 720, 2800000}, {1280, 720, 3400000}, {1440, 1080, 5000000}, {1920, 1080, 6000000},
 };
 constexpr int32_t kDefaultBitrate = 500000;
 // The largest product the bit-rate formula forms must fit 32 bits.
@@ -70,8 +69,8 @@ uint32_t GetVideoBitrate(uint32_t width, uint32_t height, uint32_t fps)
             break;
         }
     }
-    const int32_t rate = fps >= 1 && fps <= static_cast<uint32_t>(kx::kMaxFrameRate) ? static_cast<int32_t>(fps)
-                                                                                      : kx::kDefaultFrameRate;
+    const int32_t rate =
+        fps >= 1 && fps <= static_cast<uint32_t>(kx::kMaxFrameRate) ? static_cast<int32_t>(fps) : kx::kDefaultFrameRate;
     return static_cast<uint32_t>(base * rate / kx::kDefaultFrameRate);
 }
 
@@ -127,8 +126,8 @@ int32_t CreateVideoEncoder(KxCameraService *service)
     }
     LogAbilities();
     // The colour space comes from the first ability, whatever its codec.
-    int32_t ret = GetCodecCsp(static_cast<uint32_t>(g_cameraModule.vencAbility[0].cspTypeMask),
-                              &service->dstFmtCodec, &service->dstFrmProcess);
+    int32_t ret = GetCodecCsp(static_cast<uint32_t>(g_cameraModule.vencAbility[0].cspTypeMask), &service->dstFmtCodec,
+                              &service->dstFrmProcess);
     if (ret < 0) {
         return ret;
     }

@@ -12,8 +12,7 @@ namespace {
 // The record's negotiated parameters and callback change on the command
 // thread while frames arrive; they are read here without the module lock, so
 // every read is an atomic one.
-template <typename T>
-T Peek(const T &field)
+template <typename T> T Peek(const T &field)
 {
     return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
@@ -21,8 +20,7 @@ T Peek(const T &field)
 int32_t HandOverFrame(KxCameraService *service, KxVideoAccessUnit *unit)
 {
     // Frames handed on directly name the camera by its service id.
-    const KxServiceIdDesc identity{service->serviceId, TALVOStrlen(service->serviceId),
-                                   kx::kDeviceServiceTypeCamera};
+    const KxServiceIdDesc identity{service->serviceId, TALVOStrlen(service->serviceId), kx::kDeviceServiceTypeCamera};
     kx::CountFrame(service, kx::FrameFate::kEncoded);
     kx::HandUnitToFramework(service, identity, KX_MSG_CAMERA_FRAME, unit);
     return 0;
@@ -39,8 +37,8 @@ int32_t QueueRawFrame(KxCameraService *service, KxVideoAccessUnit *unit)
         return 0;
     }
     // A stopping thread takes no more frames.
-    const int32_t ret = kx::LaneRunning(service) ? kx::LaneQueueFrame(service, unit)
-                                                 : (kx::LaneDropIdleFrame(service, unit), 0);
+    const int32_t ret =
+        kx::LaneRunning(service) ? kx::LaneQueueFrame(service, unit) : (kx::LaneDropIdleFrame(service, unit), 0);
     kx::LaneLeave(service);
     return ret;
 }

@@ -20,14 +20,20 @@ constexpr int64_t kUsPerSecond = 1000000;
 
 thread_local const KxCameraService *t_encodingPathOf = nullptr;
 
-bool OnEncodingPath(const KxCameraService *service) { return t_encodingPathOf == service; }
+bool OnEncodingPath(const KxCameraService *service)
+{
+    return t_encodingPathOf == service;
+}
 
 void SetRunning(KxCameraService *service, uint8_t value)
 {
     __atomic_store_n(&service->vencRunning, value, __ATOMIC_RELEASE);
 }
 
-bool Started(const KxCameraService *service) { return __atomic_load_n(&service->laneGate, __ATOMIC_ACQUIRE) != 0; }
+bool Started(const KxCameraService *service)
+{
+    return __atomic_load_n(&service->laneGate, __ATOMIC_ACQUIRE) != 0;
+}
 
 // Waits until no frame is on its way into the queue, then closes the gate.
 // Queueing holds the queue lock for a few list operations only.
@@ -95,7 +101,10 @@ int64_t FrameIntervalUs(const KxCameraService *service)
     return kUsPerSecond / rate;
 }
 
-const KxVideoAccessUnit &UnitOf(const TALVODllNode *node) { return *static_cast<const KxVideoAccessUnit *>(node->data); }
+const KxVideoAccessUnit &UnitOf(const TALVODllNode *node)
+{
+    return *static_cast<const KxVideoAccessUnit *>(node->data);
+}
 
 // The oldest frame goes while the queue is over its bound; the newest never
 // does. Age counts from the newest frame, so a burst that arrived together
@@ -131,7 +140,10 @@ kx::EncodingPathScope::EncodingPathScope(const KxCameraService *service) : previ
     t_encodingPathOf = service;
 }
 
-kx::EncodingPathScope::~EncodingPathScope() { t_encodingPathOf = previous_; }
+kx::EncodingPathScope::~EncodingPathScope()
+{
+    t_encodingPathOf = previous_;
+}
 
 bool kx::LaneEnter(KxCameraService *service)
 {
@@ -140,19 +152,25 @@ bool kx::LaneEnter(KxCameraService *service)
         if (users == 0 || users == UINT32_MAX) {
             return false;
         }
-    } while (!__atomic_compare_exchange_n(&service->laneGate, &users, users + 1, true, __ATOMIC_ACQ_REL,
-                                          __ATOMIC_ACQUIRE));
+    } while (
+        !__atomic_compare_exchange_n(&service->laneGate, &users, users + 1, true, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE));
     return true;
 }
 
-void kx::LaneLeave(KxCameraService *service) { (void)__atomic_sub_fetch(&service->laneGate, 1, __ATOMIC_RELEASE); }
+void kx::LaneLeave(KxCameraService *service)
+{
+    (void)__atomic_sub_fetch(&service->laneGate, 1, __ATOMIC_RELEASE);
+}
 
 bool kx::LaneRunning(const KxCameraService *service)
 {
     return __atomic_load_n(&service->vencRunning, __ATOMIC_ACQUIRE) != 0;
 }
 
-bool kx::LaneExists(const KxCameraService *service) { return Started(service) || service->vencHandle != nullptr; }
+bool kx::LaneExists(const KxCameraService *service)
+{
+    return Started(service) || service->vencHandle != nullptr;
+}
 
 void kx::CountFrame(KxCameraService *service, FrameFate fate)
 {

@@ -39,8 +39,8 @@ struct KxLaneThread {
     int32_t height;
     KxVideoAccessUnit convFrame; // stand for the record's convFrame and encFrame
     KxVideoAccessUnit encFrame;
-    uint8_t retired; // the teardown was left to this thread
-    uint8_t live;    // cleared as the thread's last touch of this state
+    uint8_t retired;    // the teardown was left to this thread
+    uint8_t live;       // cleared as the thread's last touch of this state
     KxLaneThread *next; // in the record's retiredLanes
 };
 

@@ -125,8 +125,8 @@ void PostVideoBs(KxCameraService *service, const KxVencOutput *output)
     // Bitstream units name the camera by its vendor id.
     const KxServiceIdDesc identity{service->vendorId, service->vendorIdLen, service->serviceType};
     kx::HandUnitToFramework(service, identity, KX_MSG_BITSTREAM, unit);
-    LOGT("id %s video stream type %d length %d timeStamp %lld", service->anonyServiceId, streamType,
-         output->bsLength, static_cast<long long>(output->timeStamp));
+    LOGT("id %s video stream type %d length %d timeStamp %lld", service->anonyServiceId, streamType, output->bsLength,
+         static_cast<long long>(output->timeStamp));
 }
 
 void VEncOutputCallback(const KxVencOutput *outputData, void *privateData)

@@ -78,8 +78,8 @@ Catalog::Catalog(std::vector<CameraEntry> cameras) : cameras_(std::move(cameras)
         const auto abilities = AbilitiesOf(camera.kind);
         const auto infos = InfosOf(camera.kind);
         items_.push_back({camera.id.c_str(), static_cast<uint32_t>(camera.id.size()), 0, abilities.data(),
-                          static_cast<uint32_t>(abilities.size()), 0, infos.data(),
-                          static_cast<uint32_t>(infos.size()), 0});
+                          static_cast<uint32_t>(abilities.size()), 0, infos.data(), static_cast<uint32_t>(infos.size()),
+                          0});
     }
 }
 

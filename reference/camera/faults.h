@@ -14,10 +14,10 @@
 namespace kxvcam {
 
 struct Faults {
-    uint32_t dropPercent = 0;                 // KXVCAM_DROP_PERCENT, 0 to 100
-    std::chrono::milliseconds stall{0};       // KXVCAM_STALL_MS, once, before frame kStallFrame
-    std::optional<uint64_t> disconnectAt;     // KXVCAM_DISCONNECT_AT, a frame index
-    uint32_t lengthShortBy = 0;               // KXVCAM_BAD_LENGTH, raw frames only
+    uint32_t dropPercent = 0;             // KXVCAM_DROP_PERCENT, 0 to 100
+    std::chrono::milliseconds stall{0};   // KXVCAM_STALL_MS, once, before frame kStallFrame
+    std::optional<uint64_t> disconnectAt; // KXVCAM_DISCONNECT_AT, a frame index
+    uint32_t lengthShortBy = 0;           // KXVCAM_BAD_LENGTH, raw frames only
 
     static constexpr uint64_t kStallFrame = 5;
     static constexpr std::chrono::milliseconds kOfflineTime{300};
@@ -26,10 +26,7 @@ struct Faults {
     static Faults FromEnvironment();
 
     // Drops are spread evenly: frame n goes when floor(n * p / 100) moves.
-    bool Drops(uint64_t index) const
-    {
-        return (index + 1) * dropPercent / 100 != index * dropPercent / 100;
-    }
+    bool Drops(uint64_t index) const { return (index + 1) * dropPercent / 100 != index * dropPercent / 100; }
 };
 
 // The listener the host registered, kept for the disconnect fault's reports.

@@ -71,8 +71,7 @@ int32_t Stream::Start(Settings settings, std::unique_ptr<Stream> &stream)
 
 Stream::Stream(Settings settings, kxpattern::PatternGenerator pattern, std::unique_ptr<StreamEncoder> encoder)
     : settings_(std::move(settings)), pattern_(std::move(pattern)), encoder_(std::move(encoder)), fps_(settings_.fps)
-{
-}
+{}
 
 Stream::~Stream()
 {
@@ -99,9 +98,8 @@ void Stream::SetRate(uint32_t fps)
     }
     wake_.notify_all();
     if (encoder_ == nullptr) {
-        kxvendor::WithEncoderLink([&](const kxvendor::EncoderLink &link) {
-            link.setFrameRate(settings_.width, settings_.height, fps);
-        });
+        kxvendor::WithEncoderLink(
+            [&](const kxvendor::EncoderLink &link) { link.setFrameRate(settings_.width, settings_.height, fps); });
     }
 }
 

@@ -36,8 +36,7 @@ inline constexpr char kEncoderLibraryFile[] = "libtalvovideoencoder.so";
 
 // Runs use(link) when the reference encoder library is loaded in this
 // process; does nothing otherwise (another vendor's encoder, or none).
-template <typename Use>
-void WithEncoderLink(Use &&use)
+template <typename Use> void WithEncoderLink(Use &&use)
 {
     std::string path;
     dl_iterate_phdr(

@@ -14,18 +14,17 @@
 namespace kxvendor {
 
 inline constexpr int32_t kOk = 0;
-inline constexpr int32_t kBadArgument = -EINVAL;   // missing record, malformed value, size mismatch
-inline constexpr int32_t kUnsupported = -ENOTSUP;  // a format, size, rate or item not offered
-inline constexpr int32_t kNoSuchCamera = -ENODEV;  // unknown camera id
-inline constexpr int32_t kNotReady = -EPERM;       // start before open, encode before configure
-inline constexpr int32_t kBusy = -EBUSY;           // no instance left
+inline constexpr int32_t kBadArgument = -EINVAL;    // missing record, malformed value, size mismatch
+inline constexpr int32_t kUnsupported = -ENOTSUP;   // a format, size, rate or item not offered
+inline constexpr int32_t kNoSuchCamera = -ENODEV;   // unknown camera id
+inline constexpr int32_t kNotReady = -EPERM;        // start before open, encode before configure
+inline constexpr int32_t kBusy = -EBUSY;            // no instance left
 inline constexpr int32_t kWouldDeadlock = -EDEADLK; // a camera stopped from its own capture thread
 inline constexpr int32_t kNoMemory = -ENOMEM;
-inline constexpr int32_t kDeviceError = -EIO;      // the codec failed
+inline constexpr int32_t kDeviceError = -EIO; // the codec failed
 
 // Runs the body of a C entry point; no exception may cross the C ABI.
-template <typename Body>
-int32_t Guarded(Body &&body) noexcept
+template <typename Body> int32_t Guarded(Body &&body) noexcept
 {
     try {
         return body();

@@ -10,11 +10,11 @@ namespace kxvendor {
 
 // Frame numbers count an instance's Process calls from 0.
 struct Slowdown {
-    uint32_t delayMs = 0;                 // added to every frame in the window below
-    uint64_t delayFrom = 0;               // first delayed frame
-    uint64_t delayFrames = UINT64_MAX;    // how many frames are delayed
-    uint32_t stallMs = 0;                 // one stall of this length ...
-    uint64_t stallAt = 0;                 // ... before this frame
+    uint32_t delayMs = 0;              // added to every frame in the window below
+    uint64_t delayFrom = 0;            // first delayed frame
+    uint64_t delayFrames = UINT64_MAX; // how many frames are delayed
+    uint32_t stallMs = 0;              // one stall of this length ...
+    uint64_t stallAt = 0;              // ... before this frame
 
     // TALVO_VENC_DELAY_MS, TALVO_VENC_DELAY_FROM, TALVO_VENC_DELAY_FRAMES,
     // TALVO_VENC_STALL_MS and TALVO_VENC_STALL_AT; a malformed value is

@@ -78,8 +78,7 @@ struct Instance {
     }
 };
 
-template <typename Apply>
-void ForLiveInstances(uint32_t width, uint32_t height, Apply &&apply)
+template <typename Apply> void ForLiveInstances(uint32_t width, uint32_t height, Apply &&apply)
 {
     const std::lock_guard lock(g_liveMutex);
     for (Instance *instance : g_live) {
@@ -144,9 +143,17 @@ int32_t Create(void **handle, const KxVencCreateParams *params)
         g_instances.fetch_sub(1);
         return kBusy;
     }
-    auto instance = std::unique_ptr<Instance>(new (std::nothrow) Instance{
-        params->width, params->height, static_cast<int32_t>(params->mColorType), params->privateData,
-        params->outputCallback, {}, {}, {}, {}, Slowdown::FromEnvironment(), 0});
+    auto instance = std::unique_ptr<Instance>(new (std::nothrow) Instance{params->width,
+                                                                          params->height,
+                                                                          static_cast<int32_t>(params->mColorType),
+                                                                          params->privateData,
+                                                                          params->outputCallback,
+                                                                          {},
+                                                                          {},
+                                                                          {},
+                                                                          {},
+                                                                          Slowdown::FromEnvironment(),
+                                                                          0});
     if (instance == nullptr) {
         g_instances.fetch_sub(1);
         return kNoMemory;
@@ -224,8 +231,7 @@ int32_t Destroy(void **handle)
     return kOk;
 }
 
-template <auto Fn, typename... Args>
-int32_t Entry(Args... args) noexcept
+template <auto Fn, typename... Args> int32_t Entry(Args... args) noexcept
 {
     return Guarded([&] { return Fn(args...); });
 }

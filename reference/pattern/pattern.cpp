@@ -291,7 +291,8 @@ void PatternGenerator::DrawMoving(uint64_t index, uint8_t *frame) const
     for (uint32_t cy = 0; cy * cellSide_ < block.h; ++cy) {
         for (uint32_t cx = 0; cx * cellSide_ < block.w; ++cx) {
             const Rect cell{block.x + cx * cellSide_, block.y + cy * cellSide_,
-                            std::min(cellSide_, block.w - cx * cellSide_), std::min(cellSide_, block.h - cy * cellSide_)};
+                            std::min(cellSide_, block.w - cx * cellSide_),
+                            std::min(cellSide_, block.h - cy * cellSide_)};
             canvas.Fill(cell, ((cx + cy) & 1u) != 0 ? b : a);
         }
     }

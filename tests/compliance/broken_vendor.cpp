@@ -10,8 +10,7 @@
 
 namespace {
 
-template <typename Table>
-int32_t RealTable(const char *getter, Table *table)
+template <typename Table> int32_t RealTable(const char *getter, Table *table)
 {
     void *library = dlopen(KXCOMPLIANCE_REAL_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     auto fill = library == nullptr ? nullptr : reinterpret_cast<int32_t (*)(Table *)>(dlsym(library, getter));

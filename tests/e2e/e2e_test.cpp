@@ -57,9 +57,9 @@ class EndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        dir_ = std::filesystem::temp_directory_path() /
-               ("kxcamera-e2e-" + std::to_string(::getpid()) + "-" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        dir_ =
+            std::filesystem::temp_directory_path() / ("kxcamera-e2e-" + std::to_string(::getpid()) + "-" +
+                                                      ::testing::UnitTest::GetInstance()->current_test_info()->name());
         std::filesystem::remove_all(dir_);
         std::filesystem::create_directories(dir_);
         if (RunCommand("command -v ffmpeg").exitCode != 0) {
@@ -237,14 +237,17 @@ TEST_F(EndToEndTest, SeveralCamerasKeyFramesAndWarnings)
     GTEST_SKIP() << "this build has no colour converters";
 #endif
     CommandResult run = Camhost("--camera '0, 1,Camera_2' --size 640x480 --frames 60 --keyframe-at 30 "
-                                "--fps-change 59:30 --output " + (dir_ / "cam{id}.mkv").string());
+                                "--fps-change 59:30 --output " +
+                                (dir_ / "cam{id}.mkv").string());
     ASSERT_EQ(run.exitCode, 0) << run.output;
     for (const char *id : {"0", "1", "2"}) {
-        CommandResult probe = RunCommand("ffprobe -v error -select_streams v -show_entries frame=key_frame -of compact " +
-                                         (dir_ / ("cam" + std::string(id) + ".mkv")).string());
+        CommandResult probe =
+            RunCommand("ffprobe -v error -select_streams v -show_entries frame=key_frame -of compact " +
+                       (dir_ / ("cam" + std::string(id) + ".mkv")).string());
         ASSERT_EQ(probe.exitCode, 0) << probe.output;
         size_t frames = 0;
-        for (size_t at = probe.output.find("frame|"); at != std::string::npos; at = probe.output.find("frame|", at + 1)) {
+        for (size_t at = probe.output.find("frame|"); at != std::string::npos;
+             at = probe.output.find("frame|", at + 1)) {
             ++frames;
         }
         EXPECT_EQ(frames, 60u) << "camera " << id;
@@ -330,7 +333,8 @@ TEST_P(StopTest, OutputDecodesToTheEndAndTheSummaryComes)
         EXPECT_EQ(decode.exitCode, 0) << decode.output;
         EXPECT_EQ(decode.output, "") << "the end of the file does not decode";
         CommandResult count = RunCommand("ffprobe -v error -count_frames -show_entries stream=nb_read_frames "
-                                         "-of default=nw=1:nk=1 " + file.string());
+                                         "-of default=nw=1:nk=1 " +
+                                         file.string());
         EXPECT_EQ(std::strtoul(count.output.c_str(), nullptr, 10), frames) << count.output;
     }
 }
@@ -375,25 +379,20 @@ TEST_P(RefusalTest, NamesTheProblemAndCreatesNothing)
 
 INSTANTIATE_TEST_SUITE_P(
     Arguments, RefusalTest,
-    ::testing::Values(RefusalCase{"--size 641x480 -o DIR/a.mp4", "bad size"},
-                      RefusalCase{"--size big -o DIR/a.mp4", "bad size"},
-                      RefusalCase{"--fps 0 -o DIR/a.mp4", "--fps"},
-                      RefusalCase{"--frames -3 -o DIR/a.mp4", "--frames"},
-                      RefusalCase{"--no-such-option", "no-such-option"},
-                      RefusalCase{"--fps-change 10 -o DIR/a.mp4", "--fps-change"},
-                      RefusalCase{"--camera 9 -o DIR/a.mp4", "no camera 'Camera_9'"},
-                      RefusalCase{"--camera 0,Camera_0 -o DIR/a{id}.mp4", "named twice"},
-                      RefusalCase{"--camera 0,1 -o DIR/a.mp4", "{id}"},
-                      RefusalCase{"--camera 0,1 -o -", "standard output"},
-                      RefusalCase{"--format yuv444 -o DIR/a.mp4", "unknown format"},
-                      RefusalCase{"--camera 1 --size 640x360 -o DIR/a.mp4", "size 640x360 not offered"},
-                      RefusalCase{"--camera 1 --format nv21 -o DIR/a.mp4", "format NV21 not offered"},
-                      RefusalCase{"--camera 0 --fps 60 -o DIR/a.mp4", "60 fps not offered"},
-                      RefusalCase{"-o DIR/a.avi", "outputs: .h264"},
-                      RefusalCase{"--camera 2 -o DIR/a.h264", "H.265"},
-                      RefusalCase{"-o DIR/exists.mp4", "-y overwrites"},
-                      RefusalCase{"-o DIR/missing/a.mp4", "no directory"},
-                      RefusalCase{"-o DIR/a.mp4 --snapshot DIR/missing/last.png", "snapshot"},
-                      RefusalCase{"-o DIR/a.mp4 --plugin /nonexistent/libkxcamera.so", "cannot load the plugin"}));
+    ::testing::Values(
+        RefusalCase{"--size 641x480 -o DIR/a.mp4", "bad size"}, RefusalCase{"--size big -o DIR/a.mp4", "bad size"},
+        RefusalCase{"--fps 0 -o DIR/a.mp4", "--fps"}, RefusalCase{"--frames -3 -o DIR/a.mp4", "--frames"},
+        RefusalCase{"--no-such-option", "no-such-option"}, RefusalCase{"--fps-change 10 -o DIR/a.mp4", "--fps-change"},
+        RefusalCase{"--camera 9 -o DIR/a.mp4", "no camera 'Camera_9'"},
+        RefusalCase{"--camera 0,Camera_0 -o DIR/a{id}.mp4", "named twice"},
+        RefusalCase{"--camera 0,1 -o DIR/a.mp4", "{id}"}, RefusalCase{"--camera 0,1 -o -", "standard output"},
+        RefusalCase{"--format yuv444 -o DIR/a.mp4", "unknown format"},
+        RefusalCase{"--camera 1 --size 640x360 -o DIR/a.mp4", "size 640x360 not offered"},
+        RefusalCase{"--camera 1 --format nv21 -o DIR/a.mp4", "format NV21 not offered"},
+        RefusalCase{"--camera 0 --fps 60 -o DIR/a.mp4", "60 fps not offered"},
+        RefusalCase{"-o DIR/a.avi", "outputs: .h264"}, RefusalCase{"--camera 2 -o DIR/a.h264", "H.265"},
+        RefusalCase{"-o DIR/exists.mp4", "-y overwrites"}, RefusalCase{"-o DIR/missing/a.mp4", "no directory"},
+        RefusalCase{"-o DIR/a.mp4 --snapshot DIR/missing/last.png", "snapshot"},
+        RefusalCase{"-o DIR/a.mp4 --plugin /nonexistent/libkxcamera.so", "cannot load the plugin"}));
 
 } // namespace

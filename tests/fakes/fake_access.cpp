@@ -20,8 +20,7 @@ void *OpenKept(const char *dir, const char *file)
 }
 
 // The control behind `symbol`, or null with the reason on stderr.
-template <typename Control>
-Control *ControlOf(void *library, const char *symbol)
+template <typename Control> Control *ControlOf(void *library, const char *symbol)
 {
     void *get = library == nullptr ? nullptr : dlsym(library, symbol);
     if (library != nullptr && get == nullptr) {

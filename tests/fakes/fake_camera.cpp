@@ -47,9 +47,7 @@ int32_t StartCamera(const KxCameraOpenParams *params)
         call = CallWithId("StartCamera", params->vendorId, params->vendorIdLen);
         call.params = *params;
     }
-    return Control().Record(call, [params](FakeCameraCall &) {
-        return params == nullptr ? kFakeBadArgument : 0;
-    });
+    return Control().Record(call, [params](FakeCameraCall &) { return params == nullptr ? kFakeBadArgument : 0; });
 }
 
 int32_t CloseCamera(const char *vendorId, uint32_t vendorIdLen)
@@ -62,8 +60,7 @@ int32_t CloseCamera(const char *vendorId, uint32_t vendorIdLen)
     });
 }
 
-int32_t UpdateConfig(const char *vendorId, uint32_t vendorIdLen, uint32_t item, const char *value,
-                     uint32_t valueLen)
+int32_t UpdateConfig(const char *vendorId, uint32_t vendorIdLen, uint32_t item, const char *value, uint32_t valueLen)
 {
     FakeCameraCall call = CallWithId("UpdateConfig", vendorId, vendorIdLen);
     call.item = item;

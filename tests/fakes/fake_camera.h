@@ -73,9 +73,9 @@ struct FakeCameraControl : FakeControl<FakeCameraCall, FakeCameraScript, FakeCam
             auto it = frameCallbacks.find(FakeText(id, idLen));
             callback = it == frameCallbacks.end() ? nullptr : it->second;
         }
-        return callback == nullptr ? kFakeNotDelivered : FakeDeliver(how, [&] {
-            return callback(id, idLen, static_cast<const uint8_t *>(data), length);
-        });
+        return callback == nullptr
+                   ? kFakeNotDelivered
+                   : FakeDeliver(how, [&] { return callback(id, idLen, static_cast<const uint8_t *>(data), length); });
     }
     int32_t PushFrame(std::string_view id, const void *data, uint32_t length, FakeDelivery how = kFakeOnCaller)
     {

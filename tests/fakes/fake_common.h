@@ -27,8 +27,7 @@ enum FakeDelivery : uint32_t {
     kFakeOnVendorThread = 1,
 };
 
-template <typename Fn>
-int32_t FakeDeliver(FakeDelivery how, Fn fn)
+template <typename Fn> int32_t FakeDeliver(FakeDelivery how, Fn fn)
 {
     if (how == kFakeOnCaller) {
         return fn();
@@ -42,8 +41,7 @@ int32_t FakeDeliver(FakeDelivery how, Fn fn)
 // A control: the script a test sets, what the fake observed, one mutex over
 // both. Script fields while no vendor call can be in flight, or hold `mutex`.
 // Reset runs inside the library, where the defaults live.
-template <typename Call, typename Script, typename Observed>
-struct FakeControl : Script, Observed {
+template <typename Call, typename Script, typename Observed> struct FakeControl : Script, Observed {
     mutable std::mutex mutex;
     void (*reset)() = nullptr;
 
@@ -65,8 +63,7 @@ struct FakeControl : Script, Observed {
     }
     // Inside the library: records `call` with the result `decide` gives
     // while the lock is held.
-    template <typename Fn>
-    int32_t Record(Call call, Fn decide)
+    template <typename Fn> int32_t Record(Call call, Fn decide)
     {
         std::lock_guard lock(mutex);
         call.result = decide(call);
@@ -74,8 +71,7 @@ struct FakeControl : Script, Observed {
         return call.result;
     }
     // The getter: the whole table and the scripted result.
-    template <typename Table>
-    int32_t Getter(const char *name, Table *handler, const Table &table)
+    template <typename Table> int32_t Getter(const char *name, Table *handler, const Table &table)
     {
         return Record(Call{.slot = name}, [&](Call &) {
             if (handler == nullptr) {

@@ -71,8 +71,7 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
     }
     FakeEncoderInstance &instance = it->second;
     instance.bitstream = FakeEncoderBitstream(instance.frames++, input->data, input->length);
-    KxVencOutput out{instance.bitstream.data(), static_cast<int32_t>(instance.bitstream.size()), 0,
-                     input->timeStamp};
+    KxVencOutput out{instance.bitstream.data(), static_cast<int32_t>(instance.bitstream.size()), 0, input->timeStamp};
     const FakeEncoderOutputMode mode = Control().outputMode;
     const auto delay = std::chrono::milliseconds(Control().processDelayMs);
     KxVencOutputCallback callback = instance.params.outputCallback;

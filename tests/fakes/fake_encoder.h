@@ -60,7 +60,7 @@ struct FakeEncoderCall {
 // One live encoder instance; its handle is never dereferenced by the fake.
 struct FakeEncoderInstance {
     KxVencCreateParams params{};
-    uint32_t frames = 0;          // Process calls so far
+    uint32_t frames = 0;              // Process calls so far
     std::vector<uint8_t> bitstream{}; // the last output, lent to the plugin
 };
 

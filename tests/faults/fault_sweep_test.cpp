@@ -32,9 +32,8 @@ constexpr uint32_t kMaxPasses = 4;
 const char *FnName(TalvoTestFn fn)
 {
     static const char *const kNames[TALVO_FN_COUNT] = {
-        "MALLOC",        "MUTEX_INIT",  "MUTEX_LOCK",    "MUTEX_UNLOCK", "MUTEX_DESTROY",
-        "THREAD_CREATE", "THREAD_JOIN", "EVENTS_CREATE", "EVENTS_CALL",  "PACKET_INIT",
-        "PACKET_WRITE",  "DLOPEN",      "DLSYM",
+        "MALLOC",        "MUTEX_INIT",  "MUTEX_LOCK",  "MUTEX_UNLOCK", "MUTEX_DESTROY", "THREAD_CREATE", "THREAD_JOIN",
+        "EVENTS_CREATE", "EVENTS_CALL", "PACKET_INIT", "PACKET_WRITE", "DLOPEN",        "DLSYM",
     };
     return fn >= 0 && fn < TALVO_FN_COUNT ? kNames[fn] : "?";
 }

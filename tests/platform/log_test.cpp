@@ -44,7 +44,8 @@ INSTANTIATE_TEST_SUITE_P(Settings, LogTest,
                          ::testing::Values(Threshold{nullptr, 2, " W libKXCamera: camera Camera_1\n"},
                                            Threshold{nullptr, 3, ""}, Threshold{"4x", 3, ""}, Threshold{"0", 1, ""},
                                            Threshold{"5", 5, " T libKXCamera: camera Camera_1\n"},
-                                           Threshold{"4", 5, ""}, Threshold{"4", 4, " I libKXCamera: camera Camera_1\n"},
+                                           Threshold{"4", 5, ""},
+                                           Threshold{"4", 4, " I libKXCamera: camera Camera_1\n"},
                                            Threshold{"3", 3, " D libKXCamera: camera Camera_1\n"}));
 
 TEST_F(PlatformTest, LogLineCarriesTheMonotonicTimeAndIsCutToFitButStaysOneWholeLine)

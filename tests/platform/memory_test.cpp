@@ -52,9 +52,10 @@ TEST_P(HeapTest, ServedBlocksAreAlignedWritableDistinctAndCountedUntilFreed)
 // serves, among them those that would round up past SIZE_MAX.
 INSTANTIATE_TEST_SUITE_P(Sizes, HeapTest,
                          ::testing::Values(std::tuple{0, true, false}, std::tuple{(256 << 10) - 1, true, false},
-                                           std::tuple{256 << 10, true, true}, std::tuple{1280 * 720 * 3 / 2, true, true},
-                                           std::tuple{size_t{80} << 20, true, false}, std::tuple{SIZE_MAX, false, false},
-                                           std::tuple{SIZE_MAX - 15, false, false},
+                                           std::tuple{256 << 10, true, true},
+                                           std::tuple{1280 * 720 * 3 / 2, true, true},
+                                           std::tuple{size_t{80} << 20, true, false},
+                                           std::tuple{SIZE_MAX, false, false}, std::tuple{SIZE_MAX - 15, false, false},
                                            std::tuple{SIZE_MAX - 40000, false, false},
                                            std::tuple{SIZE_MAX / 2 + 1, false, false}));
 
@@ -70,8 +71,9 @@ TEST_F(PlatformTest, PacketIntegersAreBigEndianAndOnlyTheBufferInitAllocatedIsFr
                   TALVOPacketWriteBytes(&packet, raw, sizeof(raw)) + TALVOPacketWriteString(&packet, "Camera_01", 8) +
                   TALVOPacketWriteInt32(&packet, 201),
               0);
-    EXPECT_EQ(std::string(packet.data, packet.data + packet.length),
-              std::string("\1\2\3\4\xff\xff\xff\xfe\xde\0\xbe" "Camera_0\0\0\0\xc9", 23));
+    EXPECT_EQ(std::string(packet.data, packet.data + packet.length), std::string("\1\2\3\4\xff\xff\xff\xfe\xde\0\xbe"
+                                                                                 "Camera_0\0\0\0\xc9",
+                                                                                 23));
     EXPECT_EQ(TALVOPacketWriteBytes(&packet, raw, 1) + TALVOPacketWriteInt32(&packet, 1), 2 * ENOSPC) << "full";
     EXPECT_EQ(packet.length, 23u);
     EXPECT_EQ(TALVOPacketRelease(&packet), 0);

@@ -24,7 +24,6 @@ protected:
     }
 };
 
-template <typename Case>
-class PlatformTable : public PlatformTest, public ::testing::WithParamInterface<Case> {};
+template <typename Case> class PlatformTable : public PlatformTest, public ::testing::WithParamInterface<Case> {};
 
 } // namespace talvotest

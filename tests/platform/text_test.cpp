@@ -26,8 +26,8 @@ TEST_F(PlatformTest, TextHelpersTakeMissingTextsAndSaturate)
     EXPECT_LT(TALVOStrcmp(nullptr, ""), 0);
     EXPECT_GT(TALVOStrcmp("", nullptr), 0);
     EXPECT_NE(TALVOStrcmp(nullptr, nullptr), 0);
-    const std::pair<const char *, int32_t> numbers[] = {{"  -42", -42}, {"25fps", 25}, {"abc", 0}, {nullptr, 0},
-                                                        {"2147483648", INT32_MAX}, {"-2147483649", INT32_MIN}};
+    const std::pair<const char *, int32_t> numbers[] = {
+        {"  -42", -42}, {"25fps", 25}, {"abc", 0}, {nullptr, 0}, {"2147483648", INT32_MAX}, {"-2147483649", INT32_MIN}};
     for (const auto &[text, value] : numbers) {
         EXPECT_EQ(TalvoAtoi(text), value) << (text ? text : "(null)");
     }
@@ -37,10 +37,10 @@ TEST_F(PlatformTest, TextHelpersTakeMissingTextsAndSaturate)
 // masking and attributes write text, the bounds-checked functions anything.
 struct Room {
     const char *name;
-    const char *before;       // the room's 8 bytes
+    const char *before; // the room's 8 bytes
     int (*call)(char *room);
     int result;
-    const char *after;        // '.': any byte
+    const char *after; // '.': any byte
 };
 
 class RoomTest : public PlatformTable<Room> {};
@@ -64,7 +64,10 @@ constexpr char kFree[] = "########";
 constexpr char kZeroed[] = "\0\0\0\0\0\0\0\0";
 constexpr char kSize[] = R"({"Width": 1280, "Name": "front \"cam\"", "On": true, "None": null, "Size": {"W": 6}})";
 
-int Attribute(char *b, const char *key, uint32_t size = 8) { return GetAttribute(kSize, key, b, size) ? 0 : -1; }
+int Attribute(char *b, const char *key, uint32_t size = 8)
+{
+    return GetAttribute(kSize, key, b, size) ? 0 : -1;
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, RoomTest,

@@ -80,8 +80,14 @@ TEST_F(PlatformTest, ThreadAndMutexMisuseIsReportedNotUndefined)
 std::array<std::atomic<int>, 64> g_fates;
 std::atomic<uint32_t> g_posted{0}, g_handled{0};
 
-int32_t Handle(uint32_t what, void *) { return g_fates[what] += what == g_handled++ ? 10 : 100; }
-void Release(uint32_t what, void *) { g_fates[what] += 1; }
+int32_t Handle(uint32_t what, void *)
+{
+    return g_fates[what] += what == g_handled++ ? 10 : 100;
+}
+void Release(uint32_t what, void *)
+{
+    g_fates[what] += 1;
+}
 
 // Holds the worker until the gate opens; then may destroy its own queue.
 struct Blocker {
@@ -132,7 +138,8 @@ TEST_F(EventsTest, EventsRunInPostOrderUpToTheCapacityAndDestroyReleasesTheWaiti
     void *queue = TALVOEventsCreate("evtest", 1, 0, 30);
     Post(queue, 30); // the running event does not count
     EXPECT_EQ(TALVOEventsCall(queue, Handle, 0, nullptr, Release), EAGAIN);
-    EXPECT_EQ(TALVOEventsCall(queue, nullptr, 0, nullptr, Release) + TALVOEventsCall(nullptr, Handle, 0, nullptr, Release),
+    EXPECT_EQ(TALVOEventsCall(queue, nullptr, 0, nullptr, Release) +
+                  TALVOEventsCall(nullptr, Handle, 0, nullptr, Release),
               2 * EINVAL);
     blocker_.gate.release();
     while (g_handled < 30) {

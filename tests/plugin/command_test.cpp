@@ -82,7 +82,10 @@ struct CommandCase {
     int32_t level;
     const char *message;
 };
-void PrintTo(const CommandCase &c, std::ostream *out) { *out << c.name; }
+void PrintTo(const CommandCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
 
 class CommandRefusal : public CommandTest, public ::testing::WithParamInterface<CommandCase> {};
 

@@ -85,7 +85,10 @@ struct ReportCase {
     int32_t level;
     const char *message;
 };
-void PrintTo(const ReportCase &c, std::ostream *out) { *out << c.name; }
+void PrintTo(const ReportCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
 
 class ReportRefusal : public EventsTest, public ::testing::WithParamInterface<ReportCase> {};
 
@@ -112,11 +115,10 @@ INSTANTIATE_TEST_SUITE_P(
         ReportCase{"UnknownStatus", [] { return FakeCamera()->PushStatus("0", 3); }, -2, 0, 1, "invalid status."},
         ReportCase{"StatusOfUnknownCamera", [] { return FakeCamera()->PushStatus("9", 1); }, 0, 0, 1,
                    "Can not find camera service, id: 9"},
-        ReportCase{"ActionValueOfLongestLength",
-                   [] { return FakeCamera()->PushActionRaw("1", 1, 7, kSeventeen, 16); }, 0, 1, 0, nullptr},
-        ReportCase{"ActionValueOneTooLong",
-                   [] { return FakeCamera()->PushActionRaw("1", 1, 7, kSeventeen, 17); }, -5, 0, 1,
-                   "camera action value bad len=17"},
+        ReportCase{"ActionValueOfLongestLength", [] { return FakeCamera()->PushActionRaw("1", 1, 7, kSeventeen, 16); },
+                   0, 1, 0, nullptr},
+        ReportCase{"ActionValueOneTooLong", [] { return FakeCamera()->PushActionRaw("1", 1, 7, kSeventeen, 17); }, -5,
+                   0, 1, "camera action value bad len=17"},
         ReportCase{"OtherActionType", [] { return FakeCamera()->PushAction("1", 3, "205"); }, 0, 0, 0, nullptr},
         ReportCase{"ActionNotANotification", [] { return FakeCamera()->PushAction("1", 7, "4"); }, 0, 0, 1,
                    "is not valid Notify Event"}),

@@ -68,7 +68,10 @@ struct LoadCase {
     int32_t level;
     const char *message;
 };
-void PrintTo(const LoadCase &c, std::ostream *out) { *out << c.name; }
+void PrintTo(const LoadCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
 
 class LoadRefusal : public PluginTest, public ::testing::WithParamInterface<LoadCase> {};
 
@@ -92,24 +95,32 @@ const auto kNoChange = [](KxServiceCallbacks &) {};
 
 INSTANTIATE_TEST_SUITE_P(
     Loads, LoadRefusal,
-    ::testing::Values(
-        LoadCase{"NoTable", kNoChange, true, -13, false, 1, "camera kx service callback is nullptr"},
-        LoadCase{"NoAddService", [](KxServiceCallbacks &c) { c.AddService = nullptr; }, false, -13, false, 1,
-                 "camera kx service callback AddService or DeleteService is invalid"},
-        LoadCase{"NoDeleteService", [](KxServiceCallbacks &c) { c.DeleteService = nullptr; }, false, -13, false, 1,
-                 "camera kx service callback AddService or DeleteService is invalid"},
-        LoadCase{"NoCameraLibrary", [](KxServiceCallbacks &) { SetVendorPath({kFakeEmptyDir, kFakeEncoderDir}); },
-                 false, 0, false, 4, "CameraInit falied, error code -13"},
-        LoadCase{"CameraLibraryWithoutGetter",
-                 [](KxServiceCallbacks &) { SetVendorPath({kFakeCameraNoGetterDir, kFakeEncoderDir}); }, false, 0,
-                 false, 4, "CameraInit falied, error code -13"},
-        LoadCase{"EncoderRefusesItsHandler", [](KxServiceCallbacks &) { FakeEncoder()->getterResult = -3; }, false, 0,
-                 true, 2, "CameraVEnc init falied, error code -2000"},
-        LoadCase{"EncoderLibraryWithoutGetter",
-                 [](KxServiceCallbacks &) { SetVendorPath({kFakeCameraDir, kFakeEncoderNoGetterDir}); }, false, 0,
-                 true, 1, "get AduioModuelApi failed, error code"},
-        LoadCase{"ListenerRefused", [](KxServiceCallbacks &) { FakeCamera()->status.registerListener = -8; }, false, 0,
-                 true, 1, "reg camera listener failed, error -8"}),
+    ::testing::Values(LoadCase{"NoTable", kNoChange, true, -13, false, 1, "camera kx service callback is nullptr"},
+                      LoadCase{"NoAddService", [](KxServiceCallbacks &c) { c.AddService = nullptr; }, false, -13, false,
+                               1, "camera kx service callback AddService or DeleteService is invalid"},
+                      LoadCase{"NoDeleteService", [](KxServiceCallbacks &c) { c.DeleteService = nullptr; }, false, -13,
+                               false, 1, "camera kx service callback AddService or DeleteService is invalid"},
+                      LoadCase{"NoCameraLibrary",
+                               [](KxServiceCallbacks &) {
+                                   SetVendorPath({kFakeEmptyDir, kFakeEncoderDir});
+                               },
+                               false, 0, false, 4, "CameraInit falied, error code -13"},
+                      LoadCase{"CameraLibraryWithoutGetter",
+                               [](KxServiceCallbacks &) {
+                                   SetVendorPath({kFakeCameraNoGetterDir, kFakeEncoderDir});
+                               },
+                               false, 0, false, 4, "CameraInit falied, error code -13"},
+                      LoadCase{"EncoderRefusesItsHandler",
+                               [](KxServiceCallbacks &) { FakeEncoder()->getterResult = -3; }, false, 0, true, 2,
+                               "CameraVEnc init falied, error code -2000"},
+                      LoadCase{"EncoderLibraryWithoutGetter",
+                               [](KxServiceCallbacks &) {
+                                   SetVendorPath({kFakeCameraDir, kFakeEncoderNoGetterDir});
+                               },
+                               false, 0, true, 1, "get AduioModuelApi failed, error code"},
+                      LoadCase{"ListenerRefused",
+                               [](KxServiceCallbacks &) { FakeCamera()->status.registerListener = -8; }, false, 0, true,
+                               1, "reg camera listener failed, error -8"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 } // namespace

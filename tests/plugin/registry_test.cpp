@@ -96,7 +96,10 @@ struct RecordCase {
     int32_t status;
     const char *message;
 };
-void PrintTo(const RecordCase &c, std::ostream *out) { *out << c.name; }
+void PrintTo(const RecordCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
 
 class RecordRefusal : public PluginTest, public ::testing::WithParamInterface<RecordCase> {};
 
@@ -117,7 +120,10 @@ TEST_P(RecordRefusal, StatusAndMessage)
 }
 
 // The record and its entries are the test's own.
-KxCameraAbility &At(KxCameraCapability &r, size_t i) { return const_cast<KxCameraAbility &>(r.abilities[i]); }
+KxCameraAbility &At(KxCameraCapability &r, size_t i)
+{
+    return const_cast<KxCameraAbility &>(r.abilities[i]);
+}
 
 void UseId(KxCameraCapability &r, std::string &id, size_t len, uint32_t idLen)
 {
@@ -132,8 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
         RecordCase{"Whole", [](KxCameraCapability &, std::string &) {}, 0, nullptr},
         RecordCase{"IdOfLongestLength", [](KxCameraCapability &r, std::string &id) { UseId(r, id, 64, 64); }, 0,
                    nullptr},
-        RecordCase{"IdOneTooLong", [](KxCameraCapability &r, std::string &id) { UseId(r, id, 65, 65); }, -13,
-                   nullptr},
+        RecordCase{"IdOneTooLong", [](KxCameraCapability &r, std::string &id) { UseId(r, id, 65, 65); }, -13, nullptr},
         RecordCase{"IdLongerThanItsLength", [](KxCameraCapability &r, std::string &id) { UseId(r, id, 3, 2); }, -5,
                    "capabilities id not end width string end flag"},
         RecordCase{"NoId", [](KxCameraCapability &r, std::string &) { r.id = nullptr; }, -13,
@@ -151,11 +156,10 @@ INSTANTIATE_TEST_SUITE_P(
                        At(r, 1).sizeNum = 0;
                    },
                    0, nullptr},
-        RecordCase{"ExtendInfoWithoutValue",
-                   [](KxCameraCapability &r, std::string &) {
-                       const_cast<KxExtendInfo *>(r.extendInfos)[0].value = nullptr;
-                   },
-                   -13, "capabilities extendInfo 0 key or value is nullptr"}),
+        RecordCase{
+            "ExtendInfoWithoutValue",
+            [](KxCameraCapability &r, std::string &) { const_cast<KxExtendInfo *>(r.extendInfos)[0].value = nullptr; },
+            -13, "capabilities extendInfo 0 key or value is nullptr"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 } // namespace

@@ -22,10 +22,12 @@ constexpr uint32_t kNv21Size = kWidth * kHeight * 3 / 2;
 
 // An NV21 frame's luma passes conversion unchanged, so its fill byte names
 // it in the bitstream; RGB565 frames are only ever counted.
-Bytes Frame(uint8_t index, uint32_t size = kRgbSize) { return Bytes(size, index); }
+Bytes Frame(uint8_t index, uint32_t size = kRgbSize)
+{
+    return Bytes(size, index);
+}
 
-template <typename Pred>
-bool WaitUntil(Pred pred)
+template <typename Pred> bool WaitUntil(Pred pred)
 {
     for (auto until = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < until;) {
         if (pred()) {
@@ -113,7 +115,10 @@ struct FrameCase {
     int32_t level;
     const char *message;
 };
-void PrintTo(const FrameCase &c, std::ostream *out) { *out << c.name; }
+void PrintTo(const FrameCase &c, std::ostream *out)
+{
+    *out << c.name;
+}
 
 class FrameRefusal : public ServiceTest, public ::testing::WithParamInterface<FrameCase> {};
 
@@ -224,7 +229,10 @@ struct Reaction {
     FakeEncoderOutputMode output;
     bool reopen;
 };
-void PrintTo(const Reaction &r, std::ostream *out) { *out << r.name; }
+void PrintTo(const Reaction &r, std::ostream *out)
+{
+    *out << r.name;
+}
 
 class LaneCallbackTest : public VideoTest, public ::testing::WithParamInterface<Reaction> {
 protected:
@@ -235,8 +243,8 @@ protected:
         if (message->code != KX_MSG_BITSTREAM || self->reacted_.exchange(true)) {
             return 0;
         }
-        self->status_ = GetParam().reopen ? Fw().SetParams("0", OpenParams(kWidth, kHeight, 4, 0))
-                                          : Fw().Send("0", KX_CMD_CLOSE);
+        self->status_ =
+            GetParam().reopen ? Fw().SetParams("0", OpenParams(kWidth, kHeight, 4, 0)) : Fw().Send("0", KX_CMD_CLOSE);
         self->done_ = true;
         return 0;
     }
@@ -279,8 +287,7 @@ INSTANTIATE_TEST_SUITE_P(Paths, LaneCallbackTest,
 // A vendor thread keeps delivering or reporting while the framework acts.
 class LaneRaceTest : public ServiceTest {
 protected:
-    template <typename Body>
-    void WhileVendorRuns(Body body, const char *vendorId, bool reports = false)
+    template <typename Body> void WhileVendorRuns(Body body, const char *vendorId, bool reports = false)
     {
         std::atomic<bool> stop{false};
         std::thread vendor([&] {
@@ -345,7 +352,7 @@ TEST_F(LaneRaceTest, CallbackAndUserDataArriveAsThePairThatWasSet)
     };
     static Tag tags[2];
     static constexpr auto kCheck = [](const KxServiceIdDesc *identity, const KxCommand *message, void *userData,
-                                       Tag *expected) {
+                                      Tag *expected) {
         (void)Framework::CmdCallback(identity, message, nullptr);
         expected->frames.fetch_add(1);
         expected->mismatches.fetch_add(userData != expected ? 1 : 0);

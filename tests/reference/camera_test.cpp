@@ -32,11 +32,11 @@ struct Seen {
     std::condition_variable wake;
     Frames frames;
     std::vector<std::chrono::steady_clock::time_point> at;
-    std::vector<std::string> statuses;  // "id:status"
-    void (*hook)() = nullptr;           // runs inside the frame callback
-    bool closed = false;                // CloseCamera has returned
-    int running = 0;                    // frame callbacks under way
-    int late = 0;                       // frame callbacks begun after CloseCamera returned
+    std::vector<std::string> statuses; // "id:status"
+    void (*hook)() = nullptr;          // runs inside the frame callback
+    bool closed = false;               // CloseCamera has returned
+    int running = 0;                   // frame callbacks under way
+    int late = 0;                      // frame callbacks begun after CloseCamera returned
 
     // The first n frames (or reports), once there are n or after ten seconds: a bound, not a measurement.
     Frames Count(size_t n)
@@ -228,7 +228,8 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"OpenIdWithTrailingText", [](const auto &cam) { return cam.OpenCamera("01", 2, OnFrame); }},
         Refusal{"OpenWithoutCallback", [](const auto &cam) { return cam.OpenCamera("1", 1, nullptr); }},
         Refusal{"StartWithoutOpen", [](const auto &cam) { return Start(cam, "2", 640, 480, 30, 2); }},
-        Refusal{"StartAfterClose", [](const auto &cam) { return cam.CloseCamera("0", 1) + Start(cam, "0", 640, 480, 30, 17); }},
+        Refusal{"StartAfterClose",
+                [](const auto &cam) { return cam.CloseCamera("0", 1) + Start(cam, "0", 640, 480, 30, 17); }},
         Refusal{"StartSizeNotOffered", [](const auto &cam) { return Start(cam, "0", 800, 600, 30, 17); }},
         Refusal{"StartRateAboveRanges", [](const auto &cam) { return Start(cam, "0", 640, 480, 31, 17); }},
         Refusal{"StartRateBelowRanges", [](const auto &cam) { return Start(cam, "0", 640, 480, 14, 17); }},
@@ -283,10 +284,19 @@ TEST(CameraLibrarySettings, ValidTextsParseAndTheRestIsRefusedWithAReason)
     for (int i = 0; i < 17; ++i) {
         many += std::to_string(i) + ":raw,";
     }
-    const std::pair<std::string, size_t> lists[] = {
-        {" a : h265 ,b:raw", 2}, {"cam-1.left_2:raw", 1}, {std::string(64, 'x') + ":raw", 1},
-        {std::string(65, 'x') + ":raw", 0}, {many.substr(0, many.size() - 8), 16}, {many.substr(0, many.size() - 1), 0},
-        {"0:raw,", 0}, {"0", 0}, {":raw", 0}, {"0:RAW", 0}, {"a b:raw", 0}, {"a\"b:raw", 0}, {"0:raw:1", 0}};
+    const std::pair<std::string, size_t> lists[] = {{" a : h265 ,b:raw", 2},
+                                                    {"cam-1.left_2:raw", 1},
+                                                    {std::string(64, 'x') + ":raw", 1},
+                                                    {std::string(65, 'x') + ":raw", 0},
+                                                    {many.substr(0, many.size() - 8), 16},
+                                                    {many.substr(0, many.size() - 1), 0},
+                                                    {"0:raw,", 0},
+                                                    {"0", 0},
+                                                    {":raw", 0},
+                                                    {"0:RAW", 0},
+                                                    {"a b:raw", 0},
+                                                    {"a\"b:raw", 0},
+                                                    {"0:raw:1", 0}};
     std::string error;
     for (const auto &[text, cameras] : lists) {
         error.clear();

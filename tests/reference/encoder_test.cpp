@@ -48,14 +48,16 @@ protected:
     // decides the size.
     KxVencOutput Encode(Stream s, uint64_t index, bool noise = false, uint32_t flags = 0)
     {
-        auto pattern = kxpattern::PatternGenerator::Create(s.csp == KX_CSP_NV12 ? PixelFormat::kNV12 : PixelFormat::kI420, s.w, s.h);
+        auto pattern = kxpattern::PatternGenerator::Create(
+            s.csp == KX_CSP_NV12 ? PixelFormat::kNV12 : PixelFormat::kI420, s.w, s.h);
         std::vector<uint8_t> frame(pattern->frameBytes());
         pattern->RenderTo(index, frame);
         std::minstd_rand random(static_cast<uint32_t>(index) + 1);
         for (size_t i = 0; noise && i < size_t{s.w} * s.h; ++i) {
             frame[i] = static_cast<uint8_t>(std::clamp(frame[i] + static_cast<int>(random() % 25) - 12, 0, 255));
         }
-        KxVencInputFrame input{frame.data(), static_cast<uint32_t>(frame.size()), s.csp, static_cast<int64_t>(index) * 33333, s.w, s.h};
+        KxVencInputFrame input{
+            frame.data(), static_cast<uint32_t>(frame.size()), s.csp, static_cast<int64_t>(index) * 33333, s.w, s.h};
         KxVencOutput output{};
         EXPECT_EQ(venc_.VideoEncoderProcess(handle_, &input, flags, &output), 0) << "frame " << index;
         EXPECT_EQ(output.timeStamp, input.timeStamp);
@@ -154,15 +156,17 @@ TEST_F(EncoderLibrary, OffersOneAbilityRefusesWhatItCannotTakeAndCreatesUpToItsB
     uint32_t num = 99;
     ASSERT_EQ(venc_.VideoEncoderGetAbility(&ability, 1, &num), 0);
     ASSERT_EQ(num, 1u);
-    EXPECT_EQ(std::vector<int32_t>({ability.cspTypeMask, ability.minEncWidth, ability.minEncHeigth,
-                                    ability.maxEncWidth, ability.maxEncHeight, ability.asynOutput}),
+    EXPECT_EQ(std::vector<int32_t>({ability.cspTypeMask, ability.minEncWidth, ability.minEncHeigth, ability.maxEncWidth,
+                                    ability.maxEncHeight, ability.asynOutput}),
               std::vector<int32_t>({(1 << KX_CSP_I420) | (1 << KX_CSP_NV12), 64, 64, 3840, 2160, 0}));
-    for (const Stream bad : {Stream{0, 62, 64}, Stream{0, 64, 2162}, Stream{0, 160, 121}, Stream{KX_CSP_NV21, 64, 64}}) {
+    for (const Stream bad :
+         {Stream{0, 62, 64}, Stream{0, 64, 2162}, Stream{0, 160, 121}, Stream{KX_CSP_NV21, 64, 64}}) {
         EXPECT_LT(Open(bad, 30, 500000), 0) << bad.w << "x" << bad.h << " colour " << bad.csp;
         EXPECT_EQ(handle_, nullptr);
     }
     ASSERT_EQ(Open({0, 64, 64}, 30, 500000), 0);
-    for (const KxVencConfigParams bad : {KxVencConfigParams{30, 30, 0, 0, 0}, KxVencConfigParams{5000, 5000, 500000, 500000, 0}}) {
+    for (const KxVencConfigParams bad :
+         {KxVencConfigParams{30, 30, 0, 0, 0}, KxVencConfigParams{5000, 5000, 500000, 500000, 0}}) {
         EXPECT_LT(venc_.VideoEncoderConfigure(handle_, &bad), 0);
     }
     // A frame the instance cannot take is refused, and the next good one encodes.
@@ -171,7 +175,10 @@ TEST_F(EncoderLibrary, OffersOneAbilityRefusesWhatItCannotTakeAndCreatesUpToItsB
     using F = KxVencInputFrame;
     for (auto spoil : {+[](F &f) { return f.width += 2, 0; }, +[](F &f) { return f.height -= 2, 0; },
                        +[](F &f) { return f.csp = KX_CSP_NV12, 0; }, +[](F &f) { return f.length -= 1, 0; },
-                       +[](F &f) { return f.data = nullptr, 0; }, +[](F &) { return 2; /* an unknown flag */ }}) {
+                       +[](F &f) { return f.data = nullptr, 0; },
+                       +[](F &) {
+                           return 2; /* an unknown flag */
+                       }}) {
         F input{frame.data(), static_cast<uint32_t>(frame.size()), s.csp, 0, s.w, s.h};
         const auto flags = static_cast<uint32_t>(spoil(input));
         KxVencOutput output{};

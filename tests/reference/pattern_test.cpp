@@ -52,8 +52,8 @@ TEST_P(PatternFormat, IncrementalFramesEqualWholeRendersAndShortBuffersAndOddSiz
     std::vector<uint8_t> buffer(kxpattern::FrameBytes(GetParam(), 64, 64) - 1, 0xA5);
     EXPECT_FALSE(PatternGenerator::Create(GetParam(), 64, 64)->RenderTo(0, buffer));
     EXPECT_TRUE(std::ranges::all_of(buffer, [](uint8_t b) { return b == 0xA5; }));
-    for (const auto &[w, h] : {std::pair{0u, 480u}, std::pair{641u, 480u}, std::pair{640u, 481u},
-                              std::pair{kxpattern::kMaxSide + 2, 64u}}) {
+    for (const auto &[w, h] :
+         {std::pair{0u, 480u}, std::pair{641u, 480u}, std::pair{640u, 481u}, std::pair{kxpattern::kMaxSide + 2, 64u}}) {
         EXPECT_FALSE(PatternGenerator::Create(GetParam(), w, h).has_value()) << w << "x" << h;
     }
 }
@@ -81,7 +81,9 @@ TEST(PatternLayouts, RawLayoutsCarryTheI420Picture)
 #ifdef KXCAMERA_TEST_WITH_LIBYUV
     std::vector<uint8_t> out(luma * 3 / 2);
     uint8_t *y = out.data();
-    ASSERT_EQ(libyuv::NV21ToI420(nv21.data(), w, nv21.data() + luma, w, y, w, y + luma, w / 2, y + luma * 5 / 4, w / 2, w, h), 0);
+    ASSERT_EQ(
+        libyuv::NV21ToI420(nv21.data(), w, nv21.data() + luma, w, y, w, y + luma, w / 2, y + luma * 5 / 4, w / 2, w, h),
+        0);
     EXPECT_EQ(out, i420);
     const std::vector<uint8_t> rgb565 = Render(PixelFormat::kRGB565, w, h, 23);
     ASSERT_EQ(libyuv::RGB565ToI420(rgb565.data(), 2 * w, y, w, y + luma, w / 2, y + luma * 5 / 4, w / 2, w, h), 0);

@@ -11,8 +11,7 @@
 namespace kxtest {
 
 // The getter's status, or -1 when the library or the symbol is missing.
-template <typename Table>
-int LoadVendor(const std::string &path, const char *getter, Table &table)
+template <typename Table> int LoadVendor(const std::string &path, const char *getter, Table &table)
 {
     void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     void *symbol = library == nullptr ? nullptr : dlsym(library, getter);

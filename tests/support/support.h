@@ -119,7 +119,10 @@ private:
     std::vector<KxCallbackPayload> payloads_;
 };
 
-inline Framework &Fw() { return Framework::Get(); }
+inline Framework &Fw()
+{
+    return Framework::Get();
+}
 
 // The index of camera vendorId; its text lives until the next call on this thread.
 KxServiceIdDesc IndexOf(const std::string &vendorId);

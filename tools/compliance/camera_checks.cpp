@@ -88,8 +88,8 @@ struct Camera {
                    std::equal(a.ranges.begin(), a.ranges.end(), b.ranges.begin(),
                               [](auto x, auto y) { return x.min == y.min && x.max == y.max; });
         };
-        return id == other.id && std::equal(abilities.begin(), abilities.end(), other.abilities.begin(),
-                                            other.abilities.end(), same);
+        return id == other.id &&
+               std::equal(abilities.begin(), abilities.end(), other.abilities.begin(), other.abilities.end(), same);
     }
 };
 
@@ -163,8 +163,7 @@ std::string Describe(const char *call, int32_t status)
 bool Streamed(Check &check, const Camera &camera, const StreamRun &run, size_t frames, const std::string &what)
 {
     return check.Expect(run.open == 0, Quoted(camera.id) + " " + what + ": " + Describe("OpenCamera", run.open)) &&
-           check.Expect(run.start == 0,
-                        Quoted(camera.id) + " " + what + ": " + Describe("StartCamera", run.start)) &&
+           check.Expect(run.start == 0, Quoted(camera.id) + " " + what + ": " + Describe("StartCamera", run.start)) &&
            check.Expect(run.frames.size() >= frames, Quoted(camera.id) + " " + what + ": " +
                                                          std::to_string(run.frames.size()) + " of " +
                                                          std::to_string(frames) + " frames arrived") &&
@@ -179,8 +178,8 @@ std::optional<std::vector<Camera>> ReadCapabilities(Session &session, Check &che
     uint32_t num = 0;
     const int32_t status = session.api.GetCameraCapability(&items, &num);
     if (!check.Expect(status == 0, Describe("GetCameraCapability", status)) ||
-        !check.Expect(num == 0 || items != nullptr, "GetCameraCapability gave " + std::to_string(num) +
-                                                        " records and no array")) {
+        !check.Expect(num == 0 || items != nullptr,
+                      "GetCameraCapability gave " + std::to_string(num) + " records and no array")) {
         return std::nullopt;
     }
     std::vector<Camera> cameras;
@@ -198,8 +197,8 @@ std::optional<std::vector<Camera>> ReadCapabilities(Session &session, Check &che
         for (uint32_t a = 0; item.abilities != nullptr && a < item.abilityNum; ++a) {
             const KxCameraAbility &ability = item.abilities[a];
             const std::string where = who + " ability " + std::to_string(a) + " (" + FormatName(ability.dataFmt) + ")";
-            if (!check.Expect(ability.sizeNum > 0 && ability.supportSizes != nullptr &&
-                                  ability.fpsRangeNum > 0 && ability.supportFpsRanges != nullptr,
+            if (!check.Expect(ability.sizeNum > 0 && ability.supportSizes != nullptr && ability.fpsRangeNum > 0 &&
+                                  ability.supportFpsRanges != nullptr,
                               where + ": sizes or rate ranges missing, or a count without its list")) {
                 continue;
             }
@@ -552,8 +551,8 @@ void CheckCloseInFlight(Report &report, Session &session)
             continue;
         }
         const KxPictureSize size = ability.sizes[0];
-        const KxCameraOpenParams params{camera.id.c_str(), idLen, size.width, size.height, ability.ranges[0].max,
-                                        ability.format, 0};
+        const KxCameraOpenParams params{camera.id.c_str(),     idLen,          size.width, size.height,
+                                        ability.ranges[0].max, ability.format, 0};
         const int32_t start = session.api.StartCamera(&params);
         const bool inFlight = start == 0 && sink.WaitInside(std::chrono::milliseconds(2 * kMaxGapUs / 1000));
         const int64_t before = TALVOSystemTimeUs();
@@ -630,9 +629,15 @@ void CheckCameraLibrary(Report &report, const std::string &path, const Options &
                 reinterpret_cast<const void *>(session.api.RegisterListener),
                 reinterpret_cast<const void *>(session.api.BusinessControl),
             };
-            static constexpr const char *kNames[] = {"OpenCamera", "StartCamera", "CloseCamera",
-                                                     "UpdateConfig", "GetCameraCapability", "Reserved5",
-                                                     "ReleaseCameraCapability", "RegisterListener", "BusinessControl"};
+            static constexpr const char *kNames[] = {"OpenCamera",
+                                                     "StartCamera",
+                                                     "CloseCamera",
+                                                     "UpdateConfig",
+                                                     "GetCameraCapability",
+                                                     "Reserved5",
+                                                     "ReleaseCameraCapability",
+                                                     "RegisterListener",
+                                                     "BusinessControl"};
             usable = true;
             for (size_t i = 0; i < std::size(slots); ++i) {
                 usable = check.Expect(i == 5 || slots[i] != nullptr,
@@ -644,8 +649,8 @@ void CheckCameraLibrary(Report &report, const std::string &path, const Options &
         }
     }
     static constexpr const char *kStreamingChecks[] = {
-        "camera.invalid-config", "camera.combinations", "camera.frame-timing",    "camera.stall",
-        "camera.keyframe",       "camera.start-stop",   "camera.update-config",   "camera.close-in-flight",
+        "camera.invalid-config", "camera.combinations", "camera.frame-timing",  "camera.stall",
+        "camera.keyframe",       "camera.start-stop",   "camera.update-config", "camera.close-in-flight",
         "camera.frame-length",   "camera.reports"};
     if (!usable) {
         for (const char *id : {"camera.listener", "camera.capabilities", "camera.enumeration"}) {

@@ -157,9 +157,9 @@ int32_t ReportSink::OnAction(const char *id, uint32_t idLen, const KxServiceActi
         sink.problems_.push_back("action value of " + std::to_string(action->valueLen) +
                                  " characters; at most 16 are taken");
     } else if (action->type == kStateAction) {
-        const bool decimal = action->value != nullptr && action->valueLen > 0 &&
-                             std::all_of(action->value, action->value + action->valueLen,
-                                         [](char c) { return c >= '0' && c <= '9'; });
+        const bool decimal =
+            action->value != nullptr && action->valueLen > 0 &&
+            std::all_of(action->value, action->value + action->valueLen, [](char c) { return c >= '0' && c <= '9'; });
         if (!decimal) {
             sink.problems_.push_back("camera-state value is not decimal text of valueLen characters");
         }

@@ -159,8 +159,8 @@ void CheckAbility(Report &report, Setup &setup)
     uint32_t num = 99;
     const int32_t status = setup.api.VideoEncoderGetAbility(abilities, 2, &num);
     if (!check.Expect(status == 0, Describe("VideoEncoderGetAbility", status)) ||
-        !check.Expect(num >= 1 && num <= 2, "VideoEncoderGetAbility reported " + std::to_string(num) +
-                                                " abilities for a capacity of 2")) {
+        !check.Expect(num >= 1 && num <= 2,
+                      "VideoEncoderGetAbility reported " + std::to_string(num) + " abilities for a capacity of 2")) {
         return;
     }
     check.Expect(abilities[2].codecType == -7, "VideoEncoderGetAbility wrote past the capacity of 2 records");
@@ -169,8 +169,8 @@ void CheckAbility(Report &report, Setup &setup)
                                        "; the plugin encodes with codecType 0");
     setup.ability = a;
     setup.csp = ChooseCsp(a.cspTypeMask);
-    check.Expect(setup.csp >= 0, "cspTypeMask " + std::to_string(a.cspTypeMask) +
-                                     " has none of I420, NV12, NV21 (bits 0 to 2)");
+    check.Expect(setup.csp >= 0,
+                 "cspTypeMask " + std::to_string(a.cspTypeMask) + " has none of I420, NV12, NV21 (bits 0 to 2)");
     check.Expect(a.minEncWidth > 0 && a.minEncHeigth > 0 && a.minEncWidth <= a.maxEncWidth &&
                      a.minEncHeigth <= a.maxEncHeight,
                  "size limits are zero or out of order");
@@ -242,8 +242,8 @@ void CheckEncoding(Report &report, const Setup &setup, const Options &options)
         std::vector<uint8_t> frame = MakeFrame(setup.csp, i);
         const int64_t stamp = kFirstStamp + i * kStampStep + i % 3; // uneven, so nothing can be guessed
         stamps.push_back(stamp);
-        const KxVencInputFrame input{frame.data(), static_cast<uint32_t>(frame.size()), setup.csp, stamp,
-                                     static_cast<uint32_t>(kWidth), static_cast<uint32_t>(kHeight)};
+        const KxVencInputFrame input{frame.data(), static_cast<uint32_t>(frame.size()), setup.csp,
+                                     stamp,        static_cast<uint32_t>(kWidth),       static_cast<uint32_t>(kHeight)};
         KxVencOutput output{};
         const size_t before = sink.Count();
         const int32_t processed = setup.api.VideoEncoderProcess(handle, &input, 0, &output);
@@ -259,8 +259,9 @@ void CheckEncoding(Report &report, const Setup &setup, const Options &options)
         } else if (auto unit = sink.Wait(before, frameTime)) {
             units.push_back(std::move(*unit));
         } else {
-            heldBack.push_back("frame " + std::to_string(i) + " gave no unit, neither returned nor through the "
-                                                               "callback within one frame time");
+            heldBack.push_back("frame " + std::to_string(i) +
+                               " gave no unit, neither returned nor through the "
+                               "callback within one frame time");
         }
     }
     if (handle != nullptr) {
@@ -268,7 +269,7 @@ void CheckEncoding(Report &report, const Setup &setup, const Options &options)
     }
     const bool ran = status >= 0 && configured >= 0;
     const std::string notRun = "no encoder: " + Describe(status < 0 ? "VideoEncoderCreate" : "VideoEncoderConfigure",
-                                                        status < 0 ? status : configured);
+                                                         status < 0 ? status : configured);
     {
         Check check(report, "encoding", "encoder.one-in-one-out");
         check.Expect(ran, notRun);
@@ -297,8 +298,9 @@ void CheckEncoding(Report &report, const Setup &setup, const Options &options)
         Decoder decoder(Codec::kH264);
         std::vector<PictureSize> pictures;
         for (size_t i = 0; i < units.size(); ++i) {
-            check.Expect(StartsWithStartCode(units[i].bytes), "unit " + std::to_string(i) + " does not begin with an "
-                                                                                           "Annex B start code");
+            check.Expect(StartsWithStartCode(units[i].bytes), "unit " + std::to_string(i) +
+                                                                  " does not begin with an "
+                                                                  "Annex B start code");
             if (decoder.available()) {
                 if (const auto complaint = decoder.Decode(units[i].bytes, pictures)) {
                     check.Fail("unit " + std::to_string(i) + " does not decode: " + *complaint);
@@ -314,8 +316,9 @@ void CheckEncoding(Report &report, const Setup &setup, const Options &options)
             for (size_t i = 0; i < pictures.size(); ++i) {
                 check.Expect(pictures[i].width == kWidth && pictures[i].height == kHeight,
                              "picture " + std::to_string(i) + " is " + std::to_string(pictures[i].width) + "x" +
-                                 std::to_string(pictures[i].height) + ", not 640x360 as created (height comes "
-                                                                      "before width in the create record)");
+                                 std::to_string(pictures[i].height) +
+                                 ", not 640x360 as created (height comes "
+                                 "before width in the create record)");
             }
         }
         check.Note(std::to_string(pictures.size()) + " pictures of 640x360 decoded");
@@ -348,8 +351,8 @@ void CheckDestroy(Report &report, const Setup &setup)
         return;
     }
     std::vector<uint8_t> frame = MakeFrame(setup.csp, 0);
-    const KxVencInputFrame input{frame.data(), static_cast<uint32_t>(frame.size()), setup.csp, kFirstStamp,
-                                 static_cast<uint32_t>(kWidth), static_cast<uint32_t>(kHeight)};
+    const KxVencInputFrame input{frame.data(), static_cast<uint32_t>(frame.size()), setup.csp,
+                                 kFirstStamp,  static_cast<uint32_t>(kWidth),       static_cast<uint32_t>(kHeight)};
     KxVencOutput output{};
     setup.api.VideoEncoderProcess(handle, &input, 0, &output);
     const int32_t destroyed = setup.api.VideoEncoderDestroy(&handle);

@@ -15,7 +15,8 @@
 std::string DefaultPlugin()
 {
     std::error_code error;
-    const auto installed = std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / KXPROBE_INSTALLED_PLUGIN;
+    const auto installed =
+        std::filesystem::read_symlink("/proc/self/exe", error).parent_path() / KXPROBE_INSTALLED_PLUGIN;
     return !error && std::filesystem::exists(installed, error) ? installed.lexically_normal().string()
                                                                : KXPROBE_DEFAULT_PLUGIN;
 }

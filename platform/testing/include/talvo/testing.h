@@ -46,11 +46,11 @@ int64_t TalvoTestOutstandingAllocs(void);
 typedef struct {
     int32_t level;
     char tag[32];
-    char func[64];      /* empty when the message reached no hook */
+    char func[64]; /* empty when the message reached no hook */
     char fmt[256];
     char text[512];
-    uint8_t viaHook;    /* went through g_talvoLogFunc */
-    uint8_t viaLog;     /* went through TALVOLog */
+    uint8_t viaHook; /* went through g_talvoLogFunc */
+    uint8_t viaLog;  /* went through TALVOLog */
 } TalvoTestLogEntry;
 
 /*
