@@ -114,7 +114,6 @@ int32_t Destroy(void **handle)
 
 // The build without a getter leaves the table unused.
 [[maybe_unused]] constexpr KxVideoEncoderHandler kTable = {
-
     .VideoEncoderGetAbility = GetAbility,
     .VideoEncoderCreate = Create,
     .VideoEncoderConfigure = Configure,
