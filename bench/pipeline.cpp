@@ -59,7 +59,7 @@ struct Options {
     std::vector<std::string> sizes{"1280x720", "1920x1080"};
     uint32_t frames = 200;
     uint32_t rounds = 6;
-    uint32_t depth = 4;
+    uint32_t depth = 8;
     std::string only;        // "plugin" or "bare": one road, one round
     std::string input;       // raw NV21 file instead of generated frames
     std::string writeFrames; // write the generated frames and stop
