@@ -31,26 +31,16 @@ template <typename Control> Control *ControlOf(void *library, const char *symbol
 
 } // namespace
 
-void *FakeCameraLibrary()
-{
-    static void *const handle = OpenKept(kFakeCameraDir, KX_CAMERA_HANDLER_LIB);
-    return handle;
-}
-
-void *FakeEncoderLibrary()
-{
-    static void *const handle = OpenKept(kFakeEncoderDir, KX_VIDEO_ENCODER_LIB);
-    return handle;
-}
-
 FakeCameraControl *FakeCamera()
 {
-    return ControlOf<FakeCameraControl>(FakeCameraLibrary(), FAKE_CAMERA_CONTROL_SYMBOL);
+    static void *const library = OpenKept(kFakeCameraDir, KX_CAMERA_HANDLER_LIB);
+    return ControlOf<FakeCameraControl>(library, FAKE_CAMERA_CONTROL_SYMBOL);
 }
 
 FakeEncoderControl *FakeEncoder()
 {
-    return ControlOf<FakeEncoderControl>(FakeEncoderLibrary(), FAKE_ENCODER_CONTROL_SYMBOL);
+    static void *const library = OpenKept(kFakeEncoderDir, KX_VIDEO_ENCODER_LIB);
+    return ControlOf<FakeEncoderControl>(library, FAKE_ENCODER_CONTROL_SYMBOL);
 }
 
 void SetVendorPath(std::initializer_list<const char *> dirs)

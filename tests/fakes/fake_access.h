@@ -18,11 +18,9 @@ inline constexpr const char *kFakeEncoderDir = KXCAMERA_FAKE_ENCODER_DIR;
 inline constexpr const char *kFakeEncoderNoGetterDir = KXCAMERA_FAKE_ENCODER_NOGETTER_DIR;
 inline constexpr const char *kFakeEmptyDir = KXCAMERA_FAKE_EMPTY_DIR;
 
-// The normal variants, opened once by full path and kept open for the whole
-// process so their state outlives the plugin's own handle. Null on failure,
-// with dlerror() on stderr.
-void *FakeCameraLibrary();
-void *FakeEncoderLibrary();
+// The controls of the normal variants, opened once by full path and kept
+// open for the whole process so their state outlives the plugin's own
+// handle. Null on failure, with dlerror() on stderr.
 FakeCameraControl *FakeCamera();
 FakeEncoderControl *FakeEncoder();
 

@@ -107,11 +107,10 @@ int32_t RegisterListener(const KxServiceListener *listener)
     });
 }
 
-int32_t BusinessControl(int32_t control, void *in, uint32_t inLen, void *out, uint32_t outLen)
+int32_t BusinessControl(int32_t control, void *, uint32_t, void *, uint32_t)
 {
-    return Control().Record(
-        {.slot = "BusinessControl", .control = control, .in = in, .inLen = inLen, .out = out, .outLen = outLen},
-        [](FakeCameraCall &) { return Control().status.businessControl; });
+    return Control().Record({.slot = "BusinessControl", .control = control},
+                            [](FakeCameraCall &) { return Control().status.businessControl; });
 }
 
 // The build without a getter leaves the table unused.

@@ -27,10 +27,6 @@ struct FakeCameraCall {
     uint32_t num = 0;                          // ReleaseCameraCapability
     KxServiceListener listener{};              // RegisterListener
     int32_t control = 0;                       // BusinessControl
-    const void *in = nullptr;
-    uint32_t inLen = 0;
-    const void *out = nullptr;
-    uint32_t outLen = 0;
 };
 
 // What the fake does; Reset() brings every field back to these defaults.

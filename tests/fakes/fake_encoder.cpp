@@ -59,9 +59,9 @@ int32_t Configure(void *handle, const KxVencConfigParams *params)
     });
 }
 
-int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxVencOutput *output)
+int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t, KxVencOutput *output)
 {
-    FakeEncoderCall call{.slot = "VideoEncoderProcess", .handle = handle, .flags = flags};
+    FakeEncoderCall call{.slot = "VideoEncoderProcess", .handle = handle};
     std::unique_lock lock(Control().mutex);
     auto it = Control().instances.find(handle);
     call.result = input == nullptr || output == nullptr || it == Control().instances.end() ? kFakeBadArgument : 0;
@@ -92,8 +92,6 @@ int32_t Process(void *handle, const KxVencInputFrame *input, uint32_t flags, KxV
                 return 0;
             });
         }
-        break;
-    case kFakeOutputNone:
         break;
     }
     return 0;

@@ -15,7 +15,6 @@ enum FakeEncoderOutputMode : uint32_t {
     kFakeOutputReturn = 0,     // fills the caller's output record
     kFakeOutputCallback,       // calls the output callback inside Process
     kFakeOutputCallbackThread, // calls it from a fake thread joined before Process returns
-    kFakeOutputNone,           // hands nothing over
 };
 
 inline constexpr uint32_t kFakeBitstreamHeader = 16;
@@ -54,7 +53,6 @@ struct FakeEncoderCall {
     // Configure, Process: the instance passed. Destroy: *handle on entry.
     // Create: what *handle held on return.
     void *handle = nullptr;
-    uint32_t flags = 0; // Process
 };
 
 // One live encoder instance; its handle is never dereferenced by the fake.

@@ -2,8 +2,10 @@
 // Log capture, a clean module and the framework double every plugin suite uses.
 #include "support.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <sstream>
 
 #include "kxcamera/color_convert.h"
@@ -26,12 +28,7 @@ std::vector<LogLine> CapturedLogs()
 
 bool HasLog(int32_t level, const std::string &text)
 {
-    for (const auto &line : CapturedLogs()) {
-        if (line.level == level && line.text == text) {
-            return true;
-        }
-    }
-    return false;
+    return std::ranges::any_of(CapturedLogs(), [&](const LogLine &l) { return l.level == level && l.text == text; });
 }
 
 std::vector<std::string> TextsAtLevel(int32_t level)
@@ -246,11 +243,7 @@ std::vector<Message> Framework::Messages(uint32_t code) const
 {
     std::lock_guard lock(mutex_);
     std::vector<Message> found;
-    for (const Message &m : messages_) {
-        if (m.code == code) {
-            found.push_back(m);
-        }
-    }
+    std::ranges::copy_if(messages_, std::back_inserter(found), [code](const Message &m) { return m.code == code; });
     return found;
 }
 
@@ -269,22 +262,14 @@ std::vector<KxCallbackPayload> Framework::NotificationPayloads() const
 size_t Framework::Count(uint32_t code) const
 {
     std::lock_guard lock(mutex_);
-    size_t n = 0;
-    for (const Message &m : messages_) {
-        n += m.code == code ? 1 : 0;
-    }
-    return n;
+    return static_cast<size_t>(std::ranges::count(messages_, code, &Message::code));
 }
 
 bool Framework::WaitFor(uint32_t code, size_t count)
 {
     std::unique_lock lock(mutex_);
     return arrived_.wait_for(lock, kHangGuard, [&] {
-        size_t n = 0;
-        for (const Message &m : messages_) {
-            n += m.code == code ? 1 : 0;
-        }
-        return n >= count;
+        return static_cast<size_t>(std::ranges::count(messages_, code, &Message::code)) >= count;
     });
 }
 
