@@ -135,6 +135,18 @@ std::string PluginPath()
 {
     return KXBENCH_PLUGIN_PATH;
 }
+
+uint32_t PluginBitrate(uint32_t width, uint32_t height, uint32_t fps)
+{
+    void *plugin = dlopen(PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (plugin == nullptr) {
+        return 0;
+    }
+    auto rate = reinterpret_cast<uint32_t (*)(uint32_t, uint32_t, uint32_t)>(dlsym(plugin, "GetVideoBitrate"));
+    const uint32_t bitRate = rate != nullptr ? rate(width, height, fps) : 0;
+    dlclose(plugin);
+    return bitRate;
+}
 std::string CameraDir()
 {
     return KXBENCH_CAMERA_DIR;

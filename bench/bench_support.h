@@ -61,6 +61,9 @@ private:
 
 // Build-tree locations, fixed at compile time.
 std::string PluginPath();
+// The bit rate the plugin configures its encoder with for this size and
+// rate, as bench/peers.sh gives it to FFmpeg; 0 if the plugin cannot be asked.
+uint32_t PluginBitrate(uint32_t width, uint32_t height, uint32_t fps);
 std::string CameraDir();
 std::string EncoderShimDir();
 std::string EncoderShimPath();

@@ -640,20 +640,6 @@ int RunCapacityProbe(const Options &opt)
     return sustained ? 0 : 3;
 }
 
-// The bit rate the plugin asks of its encoder, as bench/peers.sh gives it to
-// FFmpeg; 0 if the plugin cannot be asked.
-uint32_t PluginKbps(const Options &opt)
-{
-    void *plugin = dlopen(kxbench::PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (plugin == nullptr) {
-        return 0;
-    }
-    auto rate = reinterpret_cast<uint32_t (*)(uint32_t, uint32_t, uint32_t)>(dlsym(plugin, "GetVideoBitrate"));
-    const uint32_t bitRate = rate != nullptr ? rate(opt.width, opt.height, kFps) : 0;
-    dlclose(plugin);
-    return bitRate / 1000;
-}
-
 // Starts args[0] from the PATH; a descriptor >= 0 becomes its stdin or stdout.
 pid_t Spawn(const std::vector<std::string> &args, int stdinFd, int stdoutFd = -1)
 {
@@ -857,7 +843,7 @@ struct Bisection {
 
 int RunCapacity(const Options &opt, std::vector<std::string> &lines)
 {
-    const uint32_t kbps = PluginKbps(opt);
+    const uint32_t kbps = kxbench::PluginBitrate(opt.width, opt.height, kFps) / 1000;
     if (kbps == 0) {
         return 1;
     }

@@ -234,20 +234,6 @@ private:
     CountersFn counters_ = nullptr;
 };
 
-// The bit rate the plugin configures its encoder with for this size; 0 if
-// the plugin cannot be asked.
-uint32_t PluginBitrate(const Size &size)
-{
-    void *plugin = dlopen(kxbench::PluginPath().c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (plugin == nullptr) {
-        return 0;
-    }
-    auto rate = reinterpret_cast<uint32_t (*)(uint32_t, uint32_t, uint32_t)>(dlsym(plugin, "GetVideoBitrate"));
-    const uint32_t bitRate = rate != nullptr ? rate(size.width, size.height, kFps) : 0;
-    dlclose(plugin);
-    return bitRate;
-}
-
 // The bare limit: one conversion into a buffer kept across frames, then x264
 // with the settings the encoder library uses for the same stream.
 class BareRoad {
@@ -343,7 +329,7 @@ int RunInterleaved(const Options &opt)
             return 1;
         }
         // The bit rate the plugin asks of its encoder for this size.
-        const uint32_t bitRate = PluginBitrate(size);
+        const uint32_t bitRate = kxbench::PluginBitrate(size.width, size.height, kFps);
         BareRoad bare;
         if (bitRate == 0 || (opt.only != "bare" && !plugin.Configure(size)) ||
             (opt.only != "plugin" && !bare.Configure(size, bitRate))) {
@@ -552,10 +538,11 @@ int main(int argc, char **argv)
     CLI11_PARSE(app, argc, argv);
     if (opt.printBitrate) {
         Size size;
-        if (opt.sizes.size() != 1 || !ParseSize(opt.sizes.front(), size) || PluginBitrate(size) == 0) {
+        if (opt.sizes.size() != 1 || !ParseSize(opt.sizes.front(), size) ||
+            kxbench::PluginBitrate(size.width, size.height, kFps) == 0) {
             return 2;
         }
-        std::printf("%u\n", PluginBitrate(size) / 1000);
+        std::printf("%u\n", kxbench::PluginBitrate(size.width, size.height, kFps) / 1000);
         return 0;
     }
     if (!opt.writeFrames.empty()) {

@@ -420,7 +420,7 @@ int main(int argc, char **argv)
         std::string serviceId;
         Negotiation neg;
         camhost::Offers offers;
-        camhost::OutputSpec output;
+        camhost::OutputWanted output;
     };
     std::vector<Plan> plans;
     for (const auto &serviceId : serviceIds) {

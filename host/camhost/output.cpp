@@ -150,13 +150,13 @@ public:
         av_packet_free(&packet_);
     }
 
-    bool Open(const OutputSpec &spec, const Target &target, std::string &error)
+    bool Open(const OutputWanted &wanted, const Target &target, std::string &error)
     {
-        spec_ = spec;
+        wanted_ = wanted;
         kind_ = target.kind;
-        int status = avformat_alloc_output_context2(&context_, nullptr, target.muxer, spec.target.c_str());
+        int status = avformat_alloc_output_context2(&context_, nullptr, target.muxer, wanted.target.c_str());
         if (status < 0) {
-            error = spec.target + ": " + AvError(status);
+            error = wanted.target + ": " + AvError(status);
             return false;
         }
         stream_ = avformat_new_stream(context_, nullptr);
@@ -167,11 +167,11 @@ public:
         }
         AVCodecParameters *par = stream_->codecpar;
         par->codec_type = AVMEDIA_TYPE_VIDEO;
-        par->codec_id = spec.codecType == 2 ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
-        par->width = spec.width;
-        par->height = spec.height;
+        par->codec_id = wanted.codecType == 2 ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+        par->width = wanted.width;
+        par->height = wanted.height;
         stream_->time_base = {1, 90000};
-        stream_->avg_frame_rate = {spec.fps, 1};
+        stream_->avg_frame_rate = {wanted.fps, 1};
         if (kind_ != Kind::kFile) {
             // A viewer sees each unit as soon as it exists.
             context_->flags |= AVFMT_FLAG_FLUSH_PACKETS;
@@ -180,24 +180,24 @@ public:
         if (kind_ == Kind::kUdp || kind_ == Kind::kSrt) {
             av_dict_set(&options, "pkt_size", "1316", 0); // seven TS packets
         }
-        if (kind_ == Kind::kSrt && spec.target.find("mode=") == std::string::npos &&
-            spec.target.rfind("srt://:", 0) == 0) {
+        if (kind_ == Kind::kSrt && wanted.target.find("mode=") == std::string::npos &&
+            wanted.target.rfind("srt://:", 0) == 0) {
             av_dict_set(&options, "mode", "listener", 0);
-            std::fprintf(stderr, "waiting for a viewer to connect to %s\n", spec.target.c_str());
+            std::fprintf(stderr, "waiting for a viewer to connect to %s\n", wanted.target.c_str());
         }
-        status = avio_open2(&context_->pb, spec.target.c_str(), AVIO_FLAG_WRITE, nullptr, &options);
+        status = avio_open2(&context_->pb, wanted.target.c_str(), AVIO_FLAG_WRITE, nullptr, &options);
         av_dict_free(&options);
         if (status < 0) {
-            error = "cannot open " + spec.target + ": " + AvError(status);
+            error = "cannot open " + wanted.target + ": " + AvError(status);
             return false;
         }
-        description_ = spec.target;
+        description_ = wanted.target;
         // A receiver needs the session description before the first packet;
         // the parameter sets travel in-band with every key frame instead.
         if (kind_ == Kind::kRtp) {
             status = avformat_write_header(context_, nullptr);
             if (status < 0) {
-                error = "cannot start " + spec.target + ": " + AvError(status);
+                error = "cannot start " + wanted.target + ": " + AvError(status);
                 return false;
             }
             headerWritten_ = true;
@@ -229,7 +229,7 @@ public:
             ts = lastTs_ + 1; // a container wants strictly increasing times
         }
         // A unit lasts until the next; the last one as long as the one before.
-        const int64_t duration = lastTs_ >= 0 ? ts - lastTs_ : av_rescale_q(1, {1, spec_.fps}, stream_->time_base);
+        const int64_t duration = lastTs_ >= 0 ? ts - lastTs_ : av_rescale_q(1, {1, wanted_.fps}, stream_->time_base);
         lastTs_ = ts;
         if (av_new_packet(packet_, static_cast<int>(unit.size())) < 0) {
             return Fail();
@@ -268,7 +268,7 @@ public:
 private:
     bool WriteHeader(std::span<const uint8_t> unit)
     {
-        const std::vector<uint8_t> sets = ParameterSets(unit, spec_.codecType);
+        const std::vector<uint8_t> sets = ParameterSets(unit, wanted_.codecType);
         AVCodecParameters *par = stream_->codecpar;
         par->extradata = static_cast<uint8_t *>(av_mallocz(sets.size() + AV_INPUT_BUFFER_PADDING_SIZE));
         if (par->extradata == nullptr) {
@@ -278,7 +278,7 @@ private:
         par->extradata_size = static_cast<int>(sets.size());
         const int status = avformat_write_header(context_, nullptr);
         if (status < 0) {
-            writeError_ = "cannot start " + spec_.target + ": " + AvError(status);
+            writeError_ = "cannot start " + wanted_.target + ": " + AvError(status);
             return false;
         }
         headerWritten_ = true;
@@ -292,23 +292,23 @@ private:
             writeError_ = "cannot describe the RTP session";
             return false;
         }
-        if (spec_.sdpPath.empty()) {
+        if (wanted_.sdpPath.empty()) {
             std::printf("%s\n", sdp);
             std::fflush(stdout);
             return true;
         }
-        FILE *file = std::fopen(spec_.sdpPath.c_str(), "w");
+        FILE *file = std::fopen(wanted_.sdpPath.c_str(), "w");
         const bool ok = file != nullptr && std::fputs(sdp, file) >= 0 && std::fputc('\n', file) != EOF;
         if (file != nullptr && std::fclose(file) != 0) {
             return false;
         }
         if (!ok) {
-            writeError_ = "cannot write " + spec_.sdpPath;
+            writeError_ = "cannot write " + wanted_.sdpPath;
         } else {
             std::fprintf(stderr,
                          "session description written to %s (open it with ffplay -protocol_whitelist "
                          "file,rtp,udp %s)\n",
-                         spec_.sdpPath.c_str(), spec_.sdpPath.c_str());
+                         wanted_.sdpPath.c_str(), wanted_.sdpPath.c_str());
         }
         return ok;
     }
@@ -322,7 +322,7 @@ private:
         return false;
     }
 
-    OutputSpec spec_;
+    OutputWanted wanted_;
     Kind kind_ = Kind::kUnknown;
     AVFormatContext *context_ = nullptr;
     AVStream *stream_ = nullptr;
@@ -357,45 +357,46 @@ std::string CheckNewFile(const std::string &path, bool overwrite)
     return {};
 }
 
-std::string CheckOutput(const OutputSpec &spec)
+std::string CheckOutput(const OutputWanted &wanted)
 {
-    const Target target = Classify(spec.target);
+    const Target target = Classify(wanted.target);
     switch (target.kind) {
     case Kind::kUnknown:
-        return "cannot write '" + spec.target + "'; outputs: " + kOutputKinds;
+        return "cannot write '" + wanted.target + "'; outputs: " + kOutputKinds;
     case Kind::kBare:
-        if (spec.target == "-") {
+        if (wanted.target == "-") {
             return {};
         }
-        if (EndsWith(spec.target, spec.codecType == 2 ? ".h264" : ".h265")) {
-            return spec.target + ": the camera streams " + (spec.codecType == 2 ? "H.265 (.h265)" : "H.264 (.h264)");
+        if (EndsWith(wanted.target, wanted.codecType == 2 ? ".h264" : ".h265")) {
+            return wanted.target + ": the camera streams " +
+                   (wanted.codecType == 2 ? "H.265 (.h265)" : "H.264 (.h264)");
         }
-        return CheckNewFile(spec.target, spec.overwrite);
+        return CheckNewFile(wanted.target, wanted.overwrite);
     case Kind::kFile:
-        return CheckNewFile(spec.target, spec.overwrite);
+        return CheckNewFile(wanted.target, wanted.overwrite);
     case Kind::kRtp:
-        return spec.sdpPath.empty() ? std::string() : CheckNewFile(spec.sdpPath, spec.overwrite);
+        return wanted.sdpPath.empty() ? std::string() : CheckNewFile(wanted.sdpPath, wanted.overwrite);
     default:
         return {};
     }
 }
 
-std::unique_ptr<Output> OpenOutput(const OutputSpec &spec, std::string &error)
+std::unique_ptr<Output> OpenOutput(const OutputWanted &wanted, std::string &error)
 {
-    const Target target = Classify(spec.target);
+    const Target target = Classify(wanted.target);
     if (target.kind == Kind::kBare) {
-        if (spec.target == "-") {
+        if (wanted.target == "-") {
             return std::make_unique<BareOutput>(stdout, false, "standard output");
         }
-        FILE *file = std::fopen(spec.target.c_str(), "wb");
+        FILE *file = std::fopen(wanted.target.c_str(), "wb");
         if (file == nullptr) {
-            error = "cannot write " + spec.target + ": " + std::strerror(errno);
+            error = "cannot write " + wanted.target + ": " + std::strerror(errno);
             return nullptr;
         }
-        return std::make_unique<BareOutput>(file, true, spec.target);
+        return std::make_unique<BareOutput>(file, true, wanted.target);
     }
     auto output = std::make_unique<AvOutput>();
-    if (!output->Open(spec, target, error)) {
+    if (!output->Open(wanted, target, error)) {
         return nullptr;
     }
     return output;

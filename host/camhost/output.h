@@ -11,7 +11,7 @@
 
 namespace camhost {
 
-struct OutputSpec {
+struct OutputWanted {
     std::string target;    // a path, "-" for standard output, or a URL
     int32_t codecType = 1; // 1 H.264, 2 H.265 (what reaches the output)
     int width = 0;
@@ -45,9 +45,9 @@ protected:
 // Refuses, without creating anything, a target this host cannot write: an
 // unknown extension or scheme, a missing or read-only directory, an existing
 // file without overwrite. Empty when fine.
-std::string CheckOutput(const OutputSpec &spec);
+std::string CheckOutput(const OutputWanted &wanted);
 // Opens a checked target; null with error set when it cannot.
-std::unique_ptr<Output> OpenOutput(const OutputSpec &spec, std::string &error);
+std::unique_ptr<Output> OpenOutput(const OutputWanted &wanted, std::string &error);
 // Checks a path this run will create (same rules as a file output).
 std::string CheckNewFile(const std::string &path, bool overwrite);
 

@@ -311,6 +311,11 @@ class StopTest : public EndToEndTest, public ::testing::WithParamInterface<StopC
 // last frame, the summary is printed and the exit code tells how it ended.
 TEST_P(StopTest, OutputDecodesToTheEndAndTheSummaryComes)
 {
+#ifndef KX_E2E_WITH_LIBYUV
+    if (std::string(GetParam().script).find("--camera 0") != std::string::npos) {
+        GTEST_SKIP() << "this build has no colour converters";
+    }
+#endif
     const auto file = dir_ / (GetParam().file != nullptr ? GetParam().file : "out");
     std::string script = GetParam().script;
     for (const auto &[name, value] :

@@ -112,7 +112,8 @@ int32_t Destroy(void **handle)
     });
 }
 
-constexpr KxVideoEncoderHandler kTable = {
+// The build without a getter leaves the table unused.
+[[maybe_unused]] constexpr KxVideoEncoderHandler kTable = {
     .VideoEncoderGetAbility = GetAbility,
     .VideoEncoderCreate = Create,
     .VideoEncoderConfigure = Configure,

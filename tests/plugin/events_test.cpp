@@ -20,13 +20,15 @@ void Put32(Bytes &out, uint32_t value)
 // The packet as the framework reads it, built apart from the plugin.
 Bytes Packet(const std::string &serviceId, uint32_t event, const char *ability = nullptr)
 {
+    const size_t abilityLen = ability == nullptr ? 0 : std::strlen(ability);
     Bytes out;
+    out.reserve(12 + serviceId.size() + abilityLen);
     Put32(out, static_cast<uint32_t>(serviceId.size()));
     out.insert(out.end(), serviceId.begin(), serviceId.end());
     Put32(out, event);
     if (ability != nullptr) {
-        Put32(out, static_cast<uint32_t>(std::strlen(ability)));
-        out.insert(out.end(), ability, ability + std::strlen(ability));
+        Put32(out, static_cast<uint32_t>(abilityLen));
+        out.insert(out.end(), ability, ability + abilityLen);
     }
     return out;
 }

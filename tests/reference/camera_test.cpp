@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -163,9 +164,10 @@ TEST_F(CameraLibrary, RawCameraStreamsThePatternAndFollowsRestartRateAndClose)
     EXPECT_EQ(g_seen->Count(0).size() * 0 + g_seen->late, 0) << "a frame came after the close";
 
     // A close from the camera's own callback would wait for itself.
-    static int32_t fromCallback = 1;
+    static std::atomic<int32_t> fromCallback;
+    fromCallback = 1;
     delete std::exchange(g_seen, new Seen);
-    g_seen->hook = [] { fromCallback = fromCallback == 1 ? cam_.CloseCamera("0", 1) : fromCallback; };
+    g_seen->hook = [] { fromCallback = fromCallback == 1 ? cam_.CloseCamera("0", 1) : fromCallback.load(); };
     ASSERT_EQ(cam_.OpenCamera("0", 1, OnFrame), 0);
     ASSERT_EQ(Start(cam_, "0", 640, 480, 30, KX_DATA_FMT_NV21), 0);
     EXPECT_EQ(g_seen->Count(2).size(), 2u) << "the camera stopped";
