@@ -17,7 +17,6 @@
 #include "av_decode.h"
 #include "camera_list.h"
 #include "pattern.h"
-#include "vendor_library.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 
 #include "av_decode.h"
 #include "pattern.h"
-#include "vendor_library.h"
 
 namespace {
 
