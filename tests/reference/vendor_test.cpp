@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reference camera handler library through its getter, driven the way
-// the plugin drives it: what it offers, what its cameras deliver and when,
-// what it refuses, and the environment settings that shape it.
+// The reference vendor libraries through their getters, driven the way the
+// plugin drives them. The camera library: what it offers, what its cameras
+// deliver and when, what it refuses, and the environment settings that shape
+// it. The encoder library: what a decoder makes of its output, its rate
+// control and key frames, its instance bound, and what it refuses. The
+// moving test pattern both show: cheap redraws equal whole renders, layouts
+// agree with each other and with libyuv, and what cannot be laid out is
+// refused.
 #include "kxcamera/camera_handler.h"
+#include "kxcamera/video_encoder.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +18,12 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <random>
 #include <thread>
+
+#ifdef KXCAMERA_TEST_WITH_LIBYUV
+#include <libyuv.h>
+#endif
 
 #include "av_decode.h"
 #include "camera_list.h"
@@ -21,6 +32,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kxpattern::PatternGenerator;
 using kxpattern::PixelFormat;
 using kxtest::Codec;
 using Frames = std::vector<std::vector<uint8_t>>;
@@ -293,6 +305,253 @@ TEST(CameraLibrarySettings, ValidTextsParseAndTheRestIsRefusedWithAReason)
     for (const char *bad : {"", "x", "1@", "@5", "1@60001", "1@-1", "1@5@6", "99999999999"}) {
         EXPECT_FALSE(kxvcam::ParseStatusReport(bad, error).has_value()) << bad;
     }
+}
+
+struct Stream {
+    int32_t csp;
+    uint32_t w;
+    uint32_t h;
+};
+
+class EncoderLibrary : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        ASSERT_EQ(kxtest::LoadVendor(KXCAMERA_TEST_ENCODER_LIB, KX_VIDEO_ENCODER_GETTER, venc_), 0);
+    }
+    void TearDown() override { venc_.VideoEncoderDestroy(&handle_); }
+
+    int32_t Open(Stream s, uint32_t fps, uint32_t bitRate)
+    {
+        KxVencCreateParams create{};
+        create.width = s.w;
+        create.height = s.h;
+        create.mColorType = static_cast<uint32_t>(s.csp);
+        const KxVencConfigParams config{fps, fps, bitRate, bitRate, 0};
+        const int32_t status = venc_.VideoEncoderCreate(&handle_, &create);
+        return status != 0 ? status : venc_.VideoEncoderConfigure(handle_, &config);
+    }
+    // Frame `index` of the pattern in the stream's layout, with sensor-like
+    // noise on the luma when asked: then the rate control, not the content,
+    // decides the size.
+    KxVencOutput Encode(Stream s, uint64_t index, bool noise = false, uint32_t flags = 0)
+    {
+        auto pattern = kxpattern::PatternGenerator::Create(
+            s.csp == KX_CSP_NV12 ? PixelFormat::kNV12 : PixelFormat::kI420, s.w, s.h);
+        std::vector<uint8_t> frame(pattern->frameBytes());
+        pattern->RenderTo(index, frame);
+        std::minstd_rand random(static_cast<uint32_t>(index) + 1);
+        for (size_t i = 0; noise && i < size_t{s.w} * s.h; ++i) {
+            frame[i] = static_cast<uint8_t>(std::clamp(frame[i] + static_cast<int>(random() % 25) - 12, 0, 255));
+        }
+        KxVencInputFrame input{
+            frame.data(), static_cast<uint32_t>(frame.size()), s.csp, static_cast<int64_t>(index) * 33333, s.w, s.h};
+        KxVencOutput output{};
+        EXPECT_EQ(venc_.VideoEncoderProcess(handle_, &input, flags, &output), 0) << "frame " << index;
+        EXPECT_EQ(output.timeStamp, input.timeStamp);
+        return output;
+    }
+    static inline KxVideoEncoderHandler venc_{};
+    void *handle_ = nullptr;
+};
+
+// 3 Mbit/s at 640x480 and 30 fps keeps this pattern above 35 dB on every
+// plane; a stride, plane order or colour space mistake leaves a plane far
+// below 30 dB. The rate changes on frame 8 and the key frame flag on 6 bring
+// an IDR, a bit rate change on 4 continues the stream.
+class EncoderRoundTrip : public EncoderLibrary, public testing::WithParamInterface<Stream> {};
+
+TEST_P(EncoderRoundTrip, EveryUnitDecodesToItsSourceFrameAndKeyFramesComeWhenAsked)
+{
+    const Stream s = GetParam();
+    ASSERT_EQ(Open(s, 30, 3000000), 0);
+    std::vector<std::vector<uint8_t>> units;
+    for (uint64_t index = 0; index < 12; ++index) {
+        const KxVencConfigParams config{index < 8 ? 30u : 15u, index < 8 ? 30u : 15u, 2000000, 2000000, 0};
+        ASSERT_TRUE(index % 4 != 0 || index == 0 || venc_.VideoEncoderConfigure(handle_, &config) == 0);
+        const KxVencOutput unit = Encode(s, index, false, index == 6 ? 1 : 0);
+        units.emplace_back(unit.bsBuf, unit.bsBuf + std::max(unit.bsLength, 0));
+    }
+    const std::vector<kxtest::Picture> pictures = kxtest::DecodeEach(Codec::kH264, units, int(s.w), int(s.h));
+    ASSERT_EQ(pictures.size(), 12u) << "a unit held back or undecodable";
+    auto reference = kxpattern::PatternGenerator::Create(PixelFormat::kI420, s.w, s.h);
+    std::vector<bool> keys;
+    for (uint64_t index = 0; index < 12; ++index) {
+        keys.push_back(pictures[index].key);
+        for (const double psnr : kxtest::PlanePsnr(pictures[index].i420, reference->Frame(index), int(s.w), int(s.h))) {
+            EXPECT_GT(psnr, 30.0) << "frame " << index;
+        }
+    }
+    EXPECT_EQ(keys, (std::vector<bool>{1, 0, 0, 0, 0, 0, 1, 0, 1, 0, 0, 0}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Layouts, EncoderRoundTrip,
+                         testing::Values(Stream{KX_CSP_I420, 640, 480}, Stream{KX_CSP_NV12, 640, 480},
+                                         Stream{KX_CSP_I420, 64, 64}, Stream{KX_CSP_NV12, 1280, 720}));
+
+// The plugin sends key-frame requests and rate changes to the camera only;
+// the raw camera passes them on to the encoder instances of its frame size.
+TEST_F(EncoderLibrary, RawCameraReachesItsEncoderThroughThePrivateLink)
+{
+    KxCameraHandler cam{};
+    ASSERT_EQ(kxtest::LoadVendor(KXCAMERA_TEST_CAMERA_LIB, KX_CAMERA_HANDLER_GETTER, cam), 0);
+    const Stream s{KX_CSP_I420, 640, 480};
+    const KxCameraOpenParams params{"0", 1, s.w, s.h, 30, KX_DATA_FMT_NV21, 0};
+    ASSERT_EQ(cam.OpenCamera("0", 1, [](const char *, uint32_t, const uint8_t *, uint32_t) { return 0; }), 0);
+    ASSERT_EQ(cam.StartCamera(&params), 0);
+    ASSERT_EQ(Open(s, 30, 400000), 0);
+    uint64_t index = 0;
+    const auto bytes = [&](int count) {
+        size_t total = 0;
+        for (int i = 0; i < count; ++i) {
+            total += static_cast<size_t>(Encode(s, index++, true).bsLength);
+        }
+        return total;
+    };
+    bytes(10);
+    const size_t at30 = bytes(20);
+    // Half a second of buffer lets 20 frames exceed the target by three quarters at most; a rate control
+    // that ignored the target would miss it by a factor.
+    EXPECT_LT(at30, size_t{20 * 400000 / 8 / 30 * 2}) << "bytes at 400 kbit/s";
+    ASSERT_EQ(cam.BusinessControl(1, nullptr, 0, nullptr, 0), 0);
+    const KxVencOutput unit = Encode(s, index++, true);
+    EXPECT_TRUE(kxtest::DecodesAlone(Codec::kH264, {unit.bsBuf, size_t(unit.bsLength)}, 640, 480))
+        << "the key-frame request did not reach the encoder";
+    // Half the rate at the same bit rate: about twice the bytes per frame.
+    ASSERT_EQ(cam.UpdateConfig("0", 1, 1, "15", 2), 0);
+    bytes(10);
+    const size_t at15 = bytes(20);
+    EXPECT_GT(static_cast<double>(at15), 1.7 * static_cast<double>(at30)) << at30 << " then " << at15;
+    EXPECT_EQ(cam.CloseCamera("0", 1), 0);
+}
+
+// What it offers, the records and frames it refuses, and its instance bound
+// (one instance is open already).
+TEST_F(EncoderLibrary, OffersOneAbilityRefusesWhatItCannotTakeAndCreatesUpToItsBound)
+{
+    KxVencAbility ability{};
+    uint32_t num = 99;
+    ASSERT_EQ(venc_.VideoEncoderGetAbility(&ability, 1, &num), 0);
+    ASSERT_EQ(num, 1u);
+    EXPECT_EQ(std::vector<int32_t>({ability.cspTypeMask, ability.minEncWidth, ability.minEncHeigth, ability.maxEncWidth,
+                                    ability.maxEncHeight, ability.asynOutput}),
+              std::vector<int32_t>({(1 << KX_CSP_I420) | (1 << KX_CSP_NV12), 64, 64, 3840, 2160, 0}));
+    for (const Stream bad :
+         {Stream{0, 62, 64}, Stream{0, 64, 2162}, Stream{0, 160, 121}, Stream{KX_CSP_NV21, 64, 64}}) {
+        EXPECT_LT(Open(bad, 30, 500000), 0) << bad.w << "x" << bad.h << " colour " << bad.csp;
+        EXPECT_EQ(handle_, nullptr);
+    }
+    ASSERT_EQ(Open({0, 64, 64}, 30, 500000), 0);
+    for (const KxVencConfigParams bad :
+         {KxVencConfigParams{30, 30, 0, 0, 0}, KxVencConfigParams{5000, 5000, 500000, 500000, 0}}) {
+        EXPECT_LT(venc_.VideoEncoderConfigure(handle_, &bad), 0);
+    }
+    // A frame the instance cannot take is refused, and the next good one encodes.
+    const Stream s{KX_CSP_I420, 64, 64};
+    std::vector<uint8_t> frame(s.w * s.h * 3 / 2);
+    using F = KxVencInputFrame;
+    const uint32_t n = s.w * s.h * 3 / 2;
+    uint8_t *d = frame.data();
+    // Too wide, too short, another layout, one byte short, no data, an unknown flag.
+    for (auto [input, flags] : {std::pair{F{d, n, KX_CSP_I420, 0, 66, 64}, 0u},
+                                {F{d, n, KX_CSP_I420, 0, 64, 62}, 0u},
+                                {F{d, n, KX_CSP_NV12, 0, 64, 64}, 0u},
+                                {F{d, n - 1, KX_CSP_I420, 0, 64, 64}, 0u},
+                                {F{nullptr, n, KX_CSP_I420, 0, 64, 64}, 0u},
+                                {F{d, n, KX_CSP_I420, 0, 64, 64}, 2u}}) {
+        KxVencOutput output{};
+        EXPECT_LT(venc_.VideoEncoderProcess(handle_, &input, flags, &output), 0) << input.width << "x" << input.height;
+        EXPECT_GT(Encode(s, 0).bsLength, 0);
+    }
+    std::vector<void *> handles(static_cast<size_t>(ability.maxCodecNum), nullptr);
+    KxVencCreateParams create{};
+    create.width = 64;
+    create.height = 64;
+    for (void *&handle : handles) {
+        EXPECT_EQ(venc_.VideoEncoderCreate(&handle, &create) == 0, &handle != &handles.back());
+    }
+    EXPECT_EQ(handles.back(), nullptr);
+    ASSERT_EQ(venc_.VideoEncoderDestroy(&handles.front()), 0);
+    EXPECT_EQ(handles.front(), nullptr);
+    EXPECT_EQ(venc_.VideoEncoderCreate(&handles.back(), &create), 0);
+    for (void *&handle : handles) {
+        EXPECT_EQ(venc_.VideoEncoderDestroy(&handle), 0);
+    }
+}
+
+std::vector<uint8_t> Render(PixelFormat format, uint32_t w, uint32_t h, uint64_t index)
+{
+    std::vector<uint8_t> frame(kxpattern::FrameBytes(format, w, h));
+    EXPECT_TRUE(PatternGenerator::Create(format, w, h)->RenderTo(index, frame));
+    return frame;
+}
+
+class PatternFormat : public testing::TestWithParam<PixelFormat> {};
+
+// Jumps back and forth put the block anywhere relative to where it was: a
+// redraw that forgot the old place shows up, and so does a frame number
+// that is not drawn.
+TEST_P(PatternFormat, IncrementalFramesEqualWholeRendersAndShortBuffersAndOddSizesAreRefused)
+{
+    for (const auto &[w, h] : {std::pair{640u, 480u}, std::pair{2u, 2u}, std::pair{1920u, 1080u}}) {
+        auto pattern = PatternGenerator::Create(GetParam(), w, h);
+        ASSERT_EQ(pattern->frameBytes(), GetParam() == PixelFormat::kRGB565 ? w * h * 2 : w * h * 3 / 2);
+        for (const uint64_t index : {0ull, 1ull, 40ull, 39ull, 7ull, 99999999ull, 100000000ull, 5000000000ull, 2ull}) {
+            ASSERT_TRUE(std::ranges::equal(pattern->Frame(index), Render(GetParam(), w, h, index))) << index;
+        }
+    }
+    // The number box is drawn over the block: frames 10 and 11 differ inside it.
+    const kxpattern::Rect box = PatternGenerator::Create(GetParam(), 640, 480)->NumberRect();
+    const size_t bpp = GetParam() == PixelFormat::kRGB565 ? 2 : 1;
+    const std::vector<uint8_t> a = Render(GetParam(), 640, 480, 10);
+    const std::vector<uint8_t> b = Render(GetParam(), 640, 480, 11);
+    bool differs = false;
+    for (size_t y = box.y, at = (y * 640 + box.x) * bpp; y < box.y + box.h; ++y, at += 640 * bpp) {
+        differs |= !std::equal(a.begin() + at, a.begin() + at + box.w * bpp, b.begin() + at);
+    }
+    EXPECT_TRUE(differs) << "the frame number is not drawn";
+    std::vector<uint8_t> buffer(kxpattern::FrameBytes(GetParam(), 64, 64) - 1, 0xA5);
+    EXPECT_FALSE(PatternGenerator::Create(GetParam(), 64, 64)->RenderTo(0, buffer));
+    EXPECT_TRUE(std::ranges::all_of(buffer, [](uint8_t b) { return b == 0xA5; }));
+    for (const auto &[w, h] :
+         {std::pair{0u, 480u}, std::pair{641u, 480u}, std::pair{640u, 481u}, std::pair{kxpattern::kMaxSide + 2, 64u}}) {
+        EXPECT_FALSE(PatternGenerator::Create(GetParam(), w, h).has_value()) << w << "x" << h;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(AllFormats, PatternFormat,
+                         testing::Values(PixelFormat::kI420, PixelFormat::kNV12, PixelFormat::kNV21,
+                                         PixelFormat::kRGB565));
+
+// The plugin converts camera frames with libyuv: what it gets out of our
+// NV21 and RGB565 frames must be the picture the I420 frame shows, and
+// NV12 must carry the samples of I420 in its own order.
+TEST(PatternLayouts, RawLayoutsCarryTheI420Picture)
+{
+    constexpr int w = 320;
+    constexpr int h = 240;
+    constexpr size_t luma = size_t{w} * h;
+    const std::vector<uint8_t> i420 = Render(PixelFormat::kI420, w, h, 23);
+    const std::vector<uint8_t> nv12 = Render(PixelFormat::kNV12, w, h, 23);
+    const std::vector<uint8_t> nv21 = Render(PixelFormat::kNV21, w, h, 23);
+    // NV12 is NV21 with each chroma pair swapped.
+    for (size_t i = 0; i < nv21.size(); ++i) {
+        ASSERT_EQ(nv12[i], nv21[i < luma ? i : i ^ 1]) << i;
+    }
+#ifdef KXCAMERA_TEST_WITH_LIBYUV
+    std::vector<uint8_t> out(luma * 3 / 2);
+    uint8_t *y = out.data();
+    ASSERT_EQ(
+        libyuv::NV21ToI420(nv21.data(), w, nv21.data() + luma, w, y, w, y + luma, w / 2, y + luma * 5 / 4, w / 2, w, h),
+        0);
+    EXPECT_EQ(out, i420);
+    const std::vector<uint8_t> rgb565 = Render(PixelFormat::kRGB565, w, h, 23);
+    ASSERT_EQ(libyuv::RGB565ToI420(rgb565.data(), 2 * w, y, w, y + luma, w / 2, y + luma * 5 / 4, w / 2, w, h), 0);
+    // The 2x2 chroma mean may round one step apart; a swapped channel or byte order costs tens of dB.
+    for (const double psnr : kxtest::PlanePsnr(out, i420, w, h)) {
+        EXPECT_GT(psnr, 45.0);
+    }
+#endif
 }
 
 } // namespace
