@@ -47,13 +47,6 @@ std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t
     return ok ? pictures : std::vector<Picture>{};
 }
 
-bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height)
-{
-    const std::vector<uint8_t> units[] = {{unit.begin(), unit.end()}};
-    const std::vector<Picture> pictures = DecodeEach(codec, units, width, height);
-    return pictures.size() == 1 && pictures[0].key;
-}
-
 std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_t> b, int width, int height)
 {
     const size_t luma = static_cast<size_t>(width) * height;

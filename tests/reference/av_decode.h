@@ -25,9 +25,6 @@ struct Picture {
 // exactly one 4:2:0 picture of `width` x `height`.
 std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t>> units, int width, int height);
 
-// The unit decodes alone, on a fresh decoder, to a key frame: it carries its parameter sets.
-bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height);
-
 // PSNR in dB of each plane (Y, U, V) of two packed I420 frames of the given
 // size; 99 for identical planes.
 std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_t> b, int width, int height);
