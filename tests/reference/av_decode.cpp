@@ -2,28 +2,15 @@
 // Judging encoded output with libavcodec.
 #include "av_decode.h"
 
-#include <cmath>
 #include <algorithm>
+#include <cmath>
 
 extern "C" {
 #include <libavcodec/avcodec.h>
-#include <libavutil/frame.h>
+#include <libavutil/imgutils.h>
 }
 
 namespace kxtest {
-namespace {
-
-double Psnr(const uint8_t *a, const uint8_t *b, size_t n)
-{
-    double sum = 0;
-    for (size_t i = 0; i < n; ++i) {
-        const double d = static_cast<double>(a[i]) - static_cast<double>(b[i]);
-        sum += d * d;
-    }
-    return sum == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 / (sum / static_cast<double>(n)));
-}
-
-} // namespace
 
 std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t>> units, int width, int height)
 {
@@ -46,13 +33,10 @@ std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t
         while (ok && avcodec_receive_frame(context, frame) == 0) {
             // A picture of another size or layout is a failure, not something to convert.
             ok = frame->format == AV_PIX_FMT_YUV420P && frame->width == width && frame->height == height;
-            Picture &out = pictures.emplace_back(Picture{{}, frame->key_frame != 0});
-            for (int plane = 0; ok && plane < 3; ++plane) {
-                for (int row = 0; row < (plane == 0 ? height : height / 2); ++row) {
-                    const uint8_t *line = frame->data[plane] + static_cast<ptrdiff_t>(row) * frame->linesize[plane];
-                    out.i420.insert(out.i420.end(), line, line + (plane == 0 ? width : width / 2));
-                }
-            }
+            Picture &out = pictures.emplace_back(
+                Picture{std::vector<uint8_t>(size_t(width) * height * 3 / 2), frame->key_frame != 0});
+            ok = ok && av_image_copy_to_buffer(out.i420.data(), static_cast<int>(out.i420.size()), frame->data,
+                                               frame->linesize, AV_PIX_FMT_YUV420P, width, height, 1) > 0;
             av_frame_unref(frame);
         }
         ok = ok && pictures.size() == u + 1;
@@ -63,21 +47,19 @@ std::vector<Picture> DecodeEach(Codec codec, std::span<const std::vector<uint8_t
     return ok ? pictures : std::vector<Picture>{};
 }
 
-bool DecodesAlone(Codec codec, std::span<const uint8_t> unit, int width, int height)
-{
-    const std::vector<uint8_t> units[] = {{unit.begin(), unit.end()}};
-    const std::vector<Picture> pictures = DecodeEach(codec, units, width, height);
-    return pictures.size() == 1 && pictures[0].key;
-}
-
 std::vector<double> PlanePsnr(std::span<const uint8_t> a, std::span<const uint8_t> b, int width, int height)
 {
     const size_t luma = static_cast<size_t>(width) * height;
-    if (a.size() < luma * 3 / 2 || b.size() < luma * 3 / 2) {
-        return {0, 0, 0};
+    std::vector<double> psnr;
+    for (const auto &[from, to] : {std::pair{size_t{0}, luma}, {luma, luma * 5 / 4}, {luma * 5 / 4, luma * 3 / 2}}) {
+        double sum = 0;
+        for (size_t i = from; i < to; ++i) {
+            const double d = i < std::min(a.size(), b.size()) ? double(a[i]) - double(b[i]) : 255;
+            sum += d * d;
+        }
+        psnr.push_back(sum == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * double(to - from) / sum));
     }
-    return {Psnr(a.data(), b.data(), luma), Psnr(a.data() + luma, b.data() + luma, luma / 4),
-            Psnr(a.data() + luma + luma / 4, b.data() + luma + luma / 4, luma / 4)};
+    return psnr;
 }
 
 } // namespace kxtest
