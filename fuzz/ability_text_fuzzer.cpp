@@ -26,6 +26,7 @@
 #include <string>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "fuzz_support.h"
 #include "kxcamera/camera_handler.h"
@@ -51,7 +52,7 @@ struct Capability {
 // A NUL-terminated copy of n input bytes in a block of exactly n + 1 bytes.
 std::unique_ptr<char[]> TextOf(FuzzInput &in, size_t n)
 {
-    const std::vector<uint8_t> bytes = in.Bytes(n);
+    const std::string bytes = in.Bytes(n);
     auto text = std::make_unique<char[]>(bytes.size() + 1);
     std::copy(bytes.begin(), bytes.end(), text.get());
     text[bytes.size()] = '\0';
@@ -74,20 +75,20 @@ void ReadCapability(FuzzInput &in, uint8_t flags, Capability &cap)
     cap.abilities = std::make_unique<KxCameraAbility[]>(abilityNum);
     for (uint32_t i = 0; i < abilityNum; ++i) {
         KxCameraAbility &ability = cap.abilities[i];
-        ability.dataFmt = in.U32();
+        ability.dataFmt = in.Take<uint32_t>();
         const uint8_t listFlags = in.U8();
-        ability.fpsRangeNum = in.U16() | ((listFlags & 4) != 0 ? kHugeCount : 0);
-        ability.sizeNum = in.U16() | ((listFlags & 8) != 0 ? kHugeCount : 0);
+        ability.fpsRangeNum = in.Take<uint16_t>() | ((listFlags & 4) != 0 ? kHugeCount : 0);
+        ability.sizeNum = in.Take<uint16_t>() | ((listFlags & 8) != 0 ? kHugeCount : 0);
         // Exactly the entries the builder prints: one more read is an overflow.
         auto ranges = std::make_unique<KxFpsRange[]>(Printed(ability.fpsRangeNum));
         for (uint32_t r = 0; r < Printed(ability.fpsRangeNum); ++r) {
-            ranges[r].min = in.U32();
-            ranges[r].max = in.U32();
+            ranges[r].min = in.Take<uint32_t>();
+            ranges[r].max = in.Take<uint32_t>();
         }
         auto sizes = std::make_unique<KxPictureSize[]>(Printed(ability.sizeNum));
         for (uint32_t s = 0; s < Printed(ability.sizeNum); ++s) {
-            sizes[s].width = in.U32();
-            sizes[s].height = in.U32();
+            sizes[s].width = in.Take<uint32_t>();
+            sizes[s].height = in.Take<uint32_t>();
         }
         ability.supportFpsRanges = (listFlags & 1) != 0 ? nullptr : ranges.get();
         ability.supportSizes = (listFlags & 2) != 0 ? nullptr : sizes.get();
@@ -134,16 +135,10 @@ bool Plain(const char *text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    QuietPluginLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in(data, size);
-    const int32_t bufferSize = in.I16();
+    const int32_t bufferSize = in.Take<int16_t>();
     const uint8_t flags = in.U8();
     Capability cap;
     ReadCapability(in, flags, cap);

@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <vector>
 
 #include "fuzz_support.h"
 #include "kxcamera/color_convert.h"
@@ -66,7 +67,7 @@ struct GuardedBuffer {
 int32_t ReadCsp(FuzzInput &in)
 {
     const uint8_t code = in.U8();
-    return code < 0xf0 ? code % 6 : in.I32();
+    return code < 0xf0 ? code % 6 : in.Take<int32_t>();
 }
 
 int64_t BytesPerPixel(int32_t csp)
@@ -137,12 +138,6 @@ void CheckConversion(const KxImage &src, const KxImage &dst)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    QuietPluginLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in(data, size);
@@ -151,13 +146,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     src.csp = ReadCsp(in);
     dst.csp = ReadCsp(in);
     const uint8_t flags = in.U8();
-    src.width = in.I16();
-    src.height = in.I16();
-    dst.width = (flags & 16) != 0 ? in.I16() : src.width;
-    dst.height = (flags & 16) != 0 ? in.I16() : src.height;
-    src.stride = static_cast<int32_t>(src.width * BytesPerPixel(src.csp) + in.I16());
-    dst.stride = static_cast<int32_t>(dst.width * BytesPerPixel(dst.csp) + in.I16());
-    const std::vector<uint8_t> fill = in.Rest();
+    src.width = in.Take<int16_t>();
+    src.height = in.Take<int16_t>();
+    dst.width = (flags & 16) != 0 ? in.Take<int16_t>() : src.width;
+    dst.height = (flags & 16) != 0 ? in.Take<int16_t>() : src.height;
+    src.stride = static_cast<int32_t>(src.width * BytesPerPixel(src.csp) + in.Take<int16_t>());
+    dst.stride = static_cast<int32_t>(dst.width * BytesPerPixel(dst.csp) + in.Take<int16_t>());
+    const std::string fill = in.Bytes(size);
 
     const std::optional<int64_t> srcBytes = ImageBytes(src.csp, src.width, src.height, src.stride);
     const std::optional<int64_t> dstBytes = ImageBytes(dst.csp, dst.width, dst.height, dst.stride);

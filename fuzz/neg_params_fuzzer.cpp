@@ -37,12 +37,6 @@ bool Integer(const nlohmann::json &doc, const char *key, int32_t *value)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    QuietPluginLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // Exactly the text and its terminator: a read past it is an overflow.

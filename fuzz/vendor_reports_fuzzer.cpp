@@ -171,25 +171,15 @@ void CheckHeapBack(int64_t before, const char *what)
     FUZZ_CHECK(busy || TalvoTestOutstandingAllocs() == before, "%s left blocks behind", what);
 }
 
-// A block of exactly these bytes, no terminator, so that reading past it is
-// caught; never null, even when empty.
-template <typename T> std::unique_ptr<T[]> Block(const std::vector<uint8_t> &bytes)
-{
-    auto block = std::make_unique<T[]>(bytes.size());
-    std::copy(bytes.begin(), bytes.end(), block.get());
-    return block;
-}
-
 void OpFrame(FuzzInput &in)
 {
     const uint8_t sender = in.U8() % 4;
-    const std::vector<uint8_t> name = sender == 2 ? in.Bytes(in.U8() % 70) : std::vector<uint8_t>{};
-    const std::string text(name.begin(), name.end());
+    const std::string text = sender == 2 ? in.Bytes(in.U8() % 70) : std::string();
     const char *id = sender < kCameraCount ? kVendorIds[sender] : (sender == 2 ? text.c_str() : nullptr);
     const uint8_t mode = in.U8() % 3;
-    const std::vector<uint8_t> bytes = mode == 0 ? in.Bytes(in.U16()) : std::vector<uint8_t>(mode == 2 ? 1 : 0);
-    const uint32_t length =
-        mode == 0 ? static_cast<uint32_t>(bytes.size()) : (mode == 1 ? in.U32() : kMaxVideoData + 1 + in.U16());
+    const std::string bytes = mode == 0 ? in.Bytes(in.Take<uint16_t>()) : std::string(mode == 2 ? 1 : 0, '\0');
+    const uint32_t length = mode == 0 ? static_cast<uint32_t>(bytes.size())
+                                      : (mode == 1 ? in.Take<uint32_t>() : kMaxVideoData + 1 + in.Take<uint16_t>());
     const auto block = mode == 1 ? nullptr : Block<uint8_t>(bytes);
 
     const int64_t allocsBefore = TalvoTestOutstandingAllocs();
@@ -210,19 +200,18 @@ void OpFrame(FuzzInput &in)
 void OpReport(FuzzInput &in, bool action)
 {
     const uint8_t kind = in.U8() % 4;
-    const std::vector<uint8_t> idBytes =
-        kind == 2 ? in.Bytes(in.U8() % 70) : std::vector<uint8_t>{static_cast<uint8_t>(kVendorIds[kind % 2][0])};
-    const auto idBlock = kind == 3 ? nullptr : Block<char>(idBytes);
+    const std::string idBytes = kind == 2 ? in.Bytes(in.U8() % 70) : std::string(kVendorIds[kind % 2]);
+    const auto idBlock = kind == 3 ? nullptr : Block(idBytes);
     const uint32_t idLen = kind == 3 ? in.U8() : static_cast<uint32_t>(idBytes.size());
     const uint8_t code = in.U8();
-    const uint32_t value = code < 0xf0 ? code % (action ? 9 : 4) : in.U32();
+    const uint32_t value = code < 0xf0 ? code % (action ? 9 : 4) : in.Take<uint32_t>();
     const int64_t allocsBefore = TalvoTestOutstandingAllocs();
     if (!action) {
         (void)g_listener.updateServiceStatus(idBlock.get(), idLen, value);
     } else {
         const uint8_t flags = in.U8();
-        const std::vector<uint8_t> text = in.Bytes(in.U8() % 24);
-        const auto valueBlock = Block<char>(text);
+        const std::string text = in.Bytes(in.U8() % 24);
+        const auto valueBlock = Block(text);
         KxServiceAction report{};
         report.type = value;
         report.value = (flags & 1) != 0 ? nullptr : valueBlock.get();
@@ -266,8 +255,7 @@ void OpParams(FuzzInput &in)
         const int64_t height = kHostileSizes[in.U8() % std::size(kHostileSizes)];
         text = "{\"Width\":" + std::to_string(width) + ",\"Height\":" + std::to_string(height) + "}";
     } else {
-        const std::vector<uint8_t> bytes = in.Bytes(in.U8());
-        text.assign(bytes.begin(), bytes.end());
+        text = in.Bytes(in.U8());
     }
     KxSetParamsInput input{};
     input.para = text.c_str();
@@ -298,7 +286,6 @@ void ResetCameras()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-    QuietPluginLog();
     FUZZ_CHECK(FakeCamera() != nullptr && FakeEncoder() != nullptr, "vendor doubles not found");
     FakeCamera()->Reset();
     FakeEncoder()->Reset();
