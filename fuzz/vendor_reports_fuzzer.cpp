@@ -7,10 +7,10 @@
 //
 // Only properties are checked, whatever the plugin decides: every message the
 // framework gets is well formed; a refused frame reaches nothing; a frame
-// reaches the framework at most once, whole; no encoder instance is orphaned;
-// a report leaves no block behind, and after each input, with the cameras
-// closed and the event queue drained, the framework heap is back where it
-// started with no encoder instance left.
+// reaches the framework at most once, whole; after each input, with the
+// cameras closed and the event queue drained, the framework heap is back where
+// it started with no encoder instance left, which is where a leaked block or
+// an orphaned encoder shows.
 //
 // Input: a sequence of operations, each one byte (mod 7) and its fields,
 // little-endian; fields past the end read as zero.
@@ -162,15 +162,6 @@ void DrainEvents()
     done.wait();
 }
 
-// An encoder thread takes and releases blocks at its own pace; the heap can
-// be compared across one operation only while none runs.
-void CheckHeapBack(int64_t before, const char *what)
-{
-    const bool busy = std::any_of(std::begin(g_record), std::end(g_record),
-                                  [](auto *r) { return __atomic_load_n(&r->laneGate, __ATOMIC_ACQUIRE) != 0; });
-    FUZZ_CHECK(busy || TalvoTestOutstandingAllocs() == before, "%s left blocks behind", what);
-}
-
 void OpFrame(FuzzInput &in)
 {
     const uint8_t sender = in.U8() % 4;
@@ -182,7 +173,6 @@ void OpFrame(FuzzInput &in)
                                       : (mode == 1 ? in.Take<uint32_t>() : kMaxVideoData + 1 + in.Take<uint16_t>());
     const auto block = mode == 1 ? nullptr : Block<uint8_t>(bytes);
 
-    const int64_t allocsBefore = TalvoTestOutstandingAllocs();
     const uint32_t framesBefore = g_frames;
     g_lastFrameLength = -1;
     const uint32_t idLen = id == nullptr ? 0 : static_cast<uint32_t>(std::strlen(id));
@@ -190,7 +180,6 @@ void OpFrame(FuzzInput &in)
     FUZZ_CHECK(rc == 0 || rc == kErrInvalid, "frame answered %d", rc);
     FUZZ_CHECK(rc == kErrInvalid || (id != nullptr && block != nullptr && length <= kMaxVideoData),
                "a frame without sender or data, or over the limit, was taken");
-    CheckHeapBack(allocsBefore, "a frame");
     const uint32_t frames = g_frames - framesBefore;
     FUZZ_CHECK(rc == 0 || frames == 0, "a refused frame reached the framework");
     FUZZ_CHECK(frames == 0 || (frames == 1 && g_lastFrameLength == length), "%u units for one frame of %u bytes",
@@ -205,7 +194,6 @@ void OpReport(FuzzInput &in, bool action)
     const uint32_t idLen = kind == 3 ? in.U8() : static_cast<uint32_t>(idBytes.size());
     const uint8_t code = in.U8();
     const uint32_t value = code < 0xf0 ? code % (action ? 9 : 4) : in.Take<uint32_t>();
-    const int64_t allocsBefore = TalvoTestOutstandingAllocs();
     if (!action) {
         (void)g_listener.updateServiceStatus(idBlock.get(), idLen, value);
     } else {
@@ -218,8 +206,6 @@ void OpReport(FuzzInput &in, bool action)
         report.valueLen = static_cast<uint32_t>(text.size());
         (void)g_listener.updateServiceAction(idBlock.get(), idLen, &report);
     }
-    DrainEvents();
-    CheckHeapBack(allocsBefore, action ? "an action report" : "a status report");
 }
 
 void OpCallback(FuzzInput &in)
@@ -260,12 +246,6 @@ void OpParams(FuzzInput &in)
     KxSetParamsInput input{};
     input.para = text.c_str();
     (void)Command(camera, KX_CMD_SET_PARAMS, &input, sizeof(input));
-    // Every encoder instance belongs to a record: none is orphaned by a
-    // replaced or failed set-up.
-    const auto held = static_cast<size_t>(
-        std::count_if(std::begin(g_record), std::end(g_record), [](auto *r) { return r->vencHandle != nullptr; }));
-    FUZZ_CHECK(FakeEncoder()->LiveInstances() == held, "%zu encoder instances, records hold %zu",
-               FakeEncoder()->LiveInstances(), held);
 }
 
 // Back to the state after loading: callbacks set, nothing negotiated.
