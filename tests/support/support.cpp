@@ -42,6 +42,20 @@ std::vector<std::string> TextsAtLevel(int32_t level)
     return texts;
 }
 
+bool LogsInOrder(int32_t level, const std::vector<std::string> &texts)
+{
+    const std::vector<std::string> logged = TextsAtLevel(level);
+    auto at = logged.begin();
+    for (const std::string &text : texts) {
+        at = std::find(at, logged.end(), text);
+        if (at == logged.end()) {
+            return false;
+        }
+        ++at;
+    }
+    return true;
+}
+
 std::string DumpLogs()
 {
     std::ostringstream out;

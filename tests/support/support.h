@@ -30,6 +30,9 @@ std::vector<LogLine> CapturedLogs();
 bool HasLog(int32_t level, const std::string &text);
 // Texts of one level, in order.
 std::vector<std::string> TextsAtLevel(int32_t level);
+// True when these texts were logged at this level in this order, others
+// between them allowed.
+bool LogsInOrder(int32_t level, const std::vector<std::string> &texts);
 std::string DumpLogs();
 
 // Returns once every event posted so far to the module event queue has run:
