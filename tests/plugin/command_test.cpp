@@ -72,6 +72,11 @@ TEST_F(CommandTest, CameraLifeAsTheFrameworkAndTheVendorSeeIt)
     ASSERT_EQ(Fw().SetParams("0", OpenParams(64, 48, 2, 0)), 0);
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 1u);
     EXPECT_EQ(FakeEncoder()->destroyed, 1u);
+    // What an integrator follows in the log, at the level it looks for.
+    EXPECT_TRUE(LogsInOrder(4, {"service Ca****_1 getWorkMode: isRtp 1 isNeedTimeSyn 1 dataMode 0 direction 0 transMode 1",
+                                "open camera:id Ca****_1 width 640 height 480 fps 30 dataFmt 2 success",
+                                "camera [Ca****_1] close success", "destory video encoder success"}))
+        << DumpLogs();
 }
 
 // One command and what the framework must get back.
@@ -156,7 +161,13 @@ INSTANTIATE_TEST_SUITE_P(
                         FakeCamera()->status.businessControl = -9;
                         return Fw().Send("1", KX_CMD_TRIGGER_IFRAME);
                     },
-                    -9, 1, "camera [Ca****_1] bussiness control set: 10, control: 1 ret: -9 error"}),
+                    -9, 1, "camera [Ca****_1] bussiness control set: 10, control: 1 ret: -9 error"},
+        CommandCase{"EncoderOffersNoColourSpace",
+                    [] {
+                        g_cameraModule.vencAbility[0].cspTypeMask = 0;
+                        return Fw().SetParams("0", OpenParams(64, 48, 2, 0));
+                    },
+                    -8005, 1, "unknow csp mask 0, check it"}),
     [](const auto &info) { return std::string(info.param.name); });
 
 } // namespace

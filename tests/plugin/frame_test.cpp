@@ -54,6 +54,10 @@ TEST_F(FrameTest, LoadAnnouncesReleaseTakesEverythingBackReloadWorks)
         EXPECT_TRUE(FakeCamera()->frameCallbacks.empty()) << "every camera closed at the vendor";
         EXPECT_EQ(Fw().Release(), 0) << "a second release is harmless";
         EXPECT_EQ(Fw().Send("0", KX_CMD_OPEN), -1000);
+        EXPECT_TRUE(LogsInOrder(4, {"TALVOCameraReleaseService start", "close camera id Ca****_0 success, ret 0",
+                                    "close camera id Ca****_1 success, ret 0", "TALVOCameraReleaseService end"}))
+            << DumpLogs();
+        TalvoTestLogClear();
     }
     EXPECT_EQ(TalvoTestOutstandingAllocs(), allocBaseline_);
 }

@@ -54,6 +54,8 @@ TEST_F(RegistryTest, GoodRecordsAnnouncedInOrderWithTheirAbilityTexts)
     EXPECT_EQ(Fw().announced[1].id, "Camera_1");
     EXPECT_EQ(Ability("0"), kStreamExample);
     EXPECT_EQ(Ability("1"), kFrameExample);
+    EXPECT_TRUE(LogsInOrder(4, {"get camera id Ca****_0 ability success", "get camera id Ca****_1 ability success"}))
+        << DumpLogs();
     EXPECT_EQ(Camera("5"), nullptr);
     const auto released = FakeCamera()->CallsTo("ReleaseCameraCapability");
     ASSERT_EQ(released.size(), 1u) << "the vendor's records are given back once";
