@@ -73,9 +73,10 @@ TEST_F(CommandTest, CameraLifeAsTheFrameworkAndTheVendorSeeIt)
     EXPECT_EQ(FakeEncoder()->LiveInstances(), 1u);
     EXPECT_EQ(FakeEncoder()->destroyed, 1u);
     // What an integrator follows in the log, at the level it looks for.
-    EXPECT_TRUE(LogsInOrder(4, {"service Ca****_1 getWorkMode: isRtp 1 isNeedTimeSyn 1 dataMode 0 direction 0 transMode 1",
-                                "open camera:id Ca****_1 width 640 height 480 fps 30 dataFmt 2 success",
-                                "camera [Ca****_1] close success", "destory video encoder success"}))
+    EXPECT_TRUE(
+        LogsInOrder(4, {"service Ca****_1 getWorkMode: isRtp 1 isNeedTimeSyn 1 dataMode 0 direction 0 transMode 1",
+                        "open camera:id Ca****_1 width 640 height 480 fps 30 dataFmt 2 success",
+                        "camera [Ca****_1] close success", "destory video encoder success"}))
         << DumpLogs();
 }
 
