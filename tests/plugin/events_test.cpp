@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Vendor reports as a framework sees them: camera state through the camera's
 // callback, notification packets in network order through the global one.
+#include <cstdio>
 #include <cstring>
 
 #include "support.h"
@@ -76,6 +77,11 @@ TEST_F(EventsTest, GetCallbackKeepsTheCallbackButTakesItsUserData)
     ASSERT_EQ(states.size(), 1u);
     EXPECT_EQ(states[0].userData, &second);
     EXPECT_EQ(Fw().table.setCmdCb(nullptr, Framework::CmdCallback, nullptr), -1000);
+    EXPECT_EQ(Fw().table.getCmdCb(nullptr, Other, nullptr), -1000);
+    char set[64];
+    std::snprintf(set, sizeof(set), "CameraSetCmdCb %p success", reinterpret_cast<void *>(&Framework::CmdCallback));
+    EXPECT_TRUE(LogsInOrder(4, {set, "CameraGetCmdCb success"})) << DumpLogs();
+    EXPECT_TRUE(HasLog(1, "camera get cmd cb params is null")) << DumpLogs();
 }
 
 // One report of the vendor's listener, and what comes of it.
